@@ -70,8 +70,10 @@ RESTORED = [
     "/usr/local/frontpage", "/usr/local/kiv", "/usr/share/kiv-awstats", "/var/lib/kiv-mailman",
     "/var/log/kiv-apache", "/var/log/kiv-services", "/var/qmail",
 ]
+# Where web servers are looked for: what a test adds there is removed, what it removes comes back.
 PROGRAM_DIRECTORIES = ["/usr/sbin", "/usr/local/sbin"]
-PRISTINE = "/run/mysqld/pristine"
+PROGRAMS = ["/usr/sbin/apache2", "/usr/sbin/httpd", "/usr/sbin/httpd2"]
+PRISTINE = "/run/mysqld/pristine.tar"
 
 PROCESS_MARK = "HALYARD_PANEL_TEST"
 
@@ -200,12 +202,12 @@ class Panel:
     # Life of a panel
 
     def _take_pristine_copy(self):
-        existing = [path for path in RESTORED if os.path.exists(path)]
+        kept = RESTORED if self.in_place else RESTORED + PROGRAMS
+        existing = [path for path in kept if os.path.exists(path)]
         for directory in PROGRAM_DIRECTORIES:
             self._program_entries[directory] = set(os.listdir(directory))
-        shutil.rmtree(PRISTINE, ignore_errors=True)
-        os.makedirs(PRISTINE)
-        subprocess.run(["cp", "-a", "--parents", *existing, PRISTINE], check=True)
+        self._pristine_conf = KIV_CONF.read_text("utf-8")
+        subprocess.run(["tar", "-C", "/", "-cf", PRISTINE, *(path.lstrip("/") for path in existing)], check=True)
 
     def begin(self):
         self.mark = uuid.uuid4().hex
@@ -250,7 +252,7 @@ class Panel:
                         os.unlink(entry.path)
             elif os.path.lexists(path) and not path.startswith("/etc/"):
                 os.unlink(path)
-        subprocess.run(["cp", "-a", PRISTINE + "/.", "/"], check=True)
+        subprocess.run(["tar", "-C", "/", "-xpf", PRISTINE], check=True)
         for directory, entries in self._program_entries.items():
             for name in set(os.listdir(directory)) - entries:
                 os.unlink(f"{directory}/{name}")
@@ -458,8 +460,7 @@ class Panel:
 
     def kiv_conf(self, **overrides):
         """Rewrites the product configuration with values changed or added; None removes a key."""
-        pristine = pathlib.Path(PRISTINE + str(KIV_CONF)).read_text("utf-8").splitlines()
-        values = dict(line.split(None, 1) for line in pristine if line.strip())
+        values = dict(line.split(None, 1) for line in self._pristine_conf.splitlines() if line.strip())
         values.update(overrides)
         KIV_CONF.write_text("".join(f"{key}\t{value}\n" for key, value in values.items() if value is not None))
 
