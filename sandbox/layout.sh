@@ -3,12 +3,13 @@
 
 sandbox=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 stand_ins=$sandbox/stand-ins
-readonly database_password=lantern-and-tide
+database_password=lantern-and-tide
 
 # Directories that belong to the sandbox alone. Nothing of them exists on a machine without a panel.
-readonly private_directories=(
+private_directories=(
     /etc/kiv
     /etc/kiv-apache
+    /run/kiv-sandbox
     /run/mysqld
     /srv/kiv
     /usr/local/frontpage
@@ -21,7 +22,11 @@ readonly private_directories=(
     /var/qmail
 )
 
-readonly services=(
+# Where a sandbox in place keeps the accounts of the machine.
+# shellcheck disable=SC2034 # used where this is sourced
+saved_accounts=/run/kiv-sandbox
+
+services=(
     kiv apache tomcat4 courier-imap mysqld named qmail stunnel postgresql mailman drwebd smb network xinetd
 )
 

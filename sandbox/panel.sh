@@ -19,11 +19,16 @@ start_database() {
     sql kiv <"$sandbox/../sql/schema.sql"
 }
 
+# Closes what is not meant for the command; there is something to close in place only.
+release_descriptors() {
+    :
+}
+
 # Runs the command in the foreground, with the signals this shell does not keep for itself, and returns its status.
 # TERM and HUP are handed on.
 run_command() {
     local command status signalled
-    env --default-signal=INT,QUIT -- "$@" <&0 &
+    (release_descriptors && exec env --default-signal=INT,QUIT -- "$@") <&0 &
     command=$!
     trap 'signalled=yes' INT QUIT
     trap 'signalled=yes; kill -s TERM "$command" 2>/dev/null' TERM
