@@ -40,7 +40,7 @@ lay_out_directories() {
         umask 022
         mkdir -p "${private_directories[@]}" \
             /etc/kiv-apache/conf.d \
-            /usr/local/kiv/{apache/bin,bin,init.d,mailman/cgi-bin,mailman/icons,var/certificates} \
+            /usr/local/kiv/{apache/bin,bin,coldfusion/bin,init.d,mailman/cgi-bin,mailman/icons,var/certificates} \
             /usr/local/frontpage/version5.0/bin \
             /srv/kiv/vhosts/default/{htdocs,httpsdocs,cgi-bin} \
             /var/lib/kiv-mailman/archives/public \
@@ -60,6 +60,8 @@ lay_out_files() {
         for service in "${services[@]}"; do
             cp "$stand_ins/service" "/usr/local/kiv/init.d/$service"
         done
+        cp "$stand_ins/service" /usr/local/kiv/coldfusion/bin/coldfusion
+        cp "$stand_ins/service" /usr/local/kiv/coldfusion/bin/jrun
         : >/var/log/kiv-services/calls.log
         : >/var/log/kiv-services/owsadm.log
         umask 077
