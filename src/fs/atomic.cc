@@ -1,0 +1,81 @@
+#include "fs/atomic.h"
+
+#include "fs/tree.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::size_t CHUNK_SIZE = 4096;
+
+bool write_fully(int fd, const char *data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written == -1)
+      return false;
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+} // namespace
+
+staged_file open_staged_file(const bounded_text &target) {
+  staged_file file{target, bounded_text("%s.new", target.c_str()), nullptr};
+  if (path_exists(file.work.c_str()))
+    unlink(file.work.c_str());
+  file.out.reset(std::fopen(file.work.c_str(), "we"));
+  if (!file.out)
+    end_run("Unable to open file %s for writing: %s\n", file.work.c_str(), std::strerror(errno));
+  return file;
+}
+
+void install_staged_file(staged_file file) {
+  const char *work = file.work.c_str();
+  if (close_file(std::move(file.out)) != 0)
+    end_run("Unable to close file %s: %s\n", work, std::strerror(errno));
+  copy_file_atomic(work, file.target.c_str(), 0, 0, 0644);
+  if (path_exists(work))
+    unlink(work);
+}
+
+void copy_file_atomic(const char *source, const char *destination, uid_t uid, gid_t gid, mode_t mode) {
+  const auto fail = [=](const char *step) {
+    end_run("copy_file_atomic(%s -> %s): %s failed", source, destination, step);
+  };
+
+  const unique_fd in(open(source, O_RDONLY | O_CLOEXEC));
+  if (in.fd < 0)
+    fail("open");
+
+  const std::size_t template_size = std::strlen(destination) + sizeof ".XXXXXX";
+  const unique_text temporary(static_cast<char *>(std::malloc(template_size)));
+  if (!temporary)
+    end_run("Allocation failed");
+  std::snprintf(temporary.get(), template_size, "%s.XXXXXX", destination);
+  unique_fd out(mkostemp(temporary.get(), O_CLOEXEC));
+  if (out.fd < 0)
+    fail("mkstemp");
+
+  char chunk[CHUNK_SIZE];
+  ssize_t count;
+  while ((count = read(in.fd, chunk, sizeof chunk)) != 0) {
+    if (count == -1)
+      fail("read"); // a source that cannot be read to its end must not become the live file
+    if (!write_fully(out.fd, chunk, static_cast<std::size_t>(count)))
+      fail("write");
+  }
+  if (fchown(out.fd, uid, gid) != 0)
+    fail("chown");
+  if (fchmod(out.fd, mode) != 0)
+    fail("chmod");
+  if (out.close() != 0)
+    fail("flush");
+  if (rename(temporary.get(), destination) != 0)
+    fail("rename");
+}

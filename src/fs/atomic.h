@@ -1,0 +1,33 @@
+// Replacing a live configuration file: the only create, write, chown, chmod and rename of the program.
+//
+// A generator writes a file in full beside the live one ("<target>.new", the work file), closes it, and has it
+// copied over the live one through a temporary file of a unique name in the same directory. Where the program may
+// die, this is on disk:
+//   while the work file is written    the old target, a partial work file (removed by the next run)
+//   while the temporary file is made  the old target, the whole work file, a partial temporary file
+//   after the rename                  the new target, whole, with its final owner and mode
+// So readers see the old file or the new one, never a part of either.
+#pragma once
+
+#include "fs/handles.h"
+#include "fs/text.h"
+
+#include <sys/types.h>
+
+// A file on its way to `target`. Destroyed without install_staged_file, it leaves the work file as it is.
+struct staged_file {
+  bounded_text target;
+  bounded_text work;
+  unique_file out;
+};
+
+// Removes a stale work file of `target` and opens a new one for writing. Ends the run when that fails.
+staged_file open_staged_file(const bounded_text &target);
+
+// Closes the work file, puts its content in place as root:root with mode 0644 and removes it.
+// Every failure ends the run with the live file untouched.
+void install_staged_file(staged_file file);
+
+// Replaces `destination` by a copy of `source` with the given owner and mode, in one step. Every failure ends the
+// run with the destination old and whole; the temporary file of a failed run stays.
+void copy_file_atomic(const char *source, const char *destination, uid_t uid, gid_t gid, mode_t mode);

@@ -1,0 +1,15 @@
+#include "fs/handles.h"
+
+#include <cerrno>
+
+int close_file(unique_file stream) {
+  // A write that failed earlier is lost even when the last flush succeeds.
+  const bool lost = std::ferror(stream.get()) != 0;
+  if (std::fclose(stream.release()) != 0)
+    return -1;
+  if (!lost)
+    return 0;
+  if (errno == 0)
+    errno = EIO;
+  return -1;
+}

@@ -1,0 +1,143 @@
+#include "fs/lock.h"
+
+#include "fs/handles.h"
+#include "fs/text.h"
+
+#define OPENSSL_SUPPRESS_DEPRECATED // MD5 names lock files here; it protects nothing
+#include <openssl/md5.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr char LOCK_DIRECTORY[] = "/var/lock/files";
+
+void write_lines(FILE *stream, const char *const *lines) {
+  for (; *lines != nullptr; ++lines) {
+    const std::size_t length = std::strlen(*lines);
+    std::fputs(*lines, stream);
+    if (length == 0 || (*lines)[length - 1] != '\n')
+      std::fputc('\n', stream);
+  }
+}
+
+bool append_lines(const char *path, const char *const *lines) {
+  unique_file stream(std::fopen(path, "ae"));
+  if (!stream) {
+    report_failure(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
+    return false;
+  }
+  write_lines(stream.get(), lines);
+  if (close_file(std::move(stream)) != 0) {
+    report_failure(0, 0, "Unable to close file %s: %s\n", path, std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+bool restore_owner_and_mode(const char *path, const struct stat &before) {
+  if (chown(path, before.st_uid, before.st_gid) != 0) {
+    report_failure(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, std::strerror(errno));
+    return false;
+  }
+  if (chmod(path, before.st_mode & 07777) != 0) {
+    report_failure(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", path, std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// Keeps a lock that is deliberately not released until the process exits.
+void hold_until_exit(unique_lock lock) {
+  static std::vector<unique_lock> held;
+  held.push_back(std::move(lock));
+}
+
+} // namespace
+
+file_lock::~file_lock() {
+  unique_fd(fd > 0 ? fd : -1).reset();
+}
+
+unique_lock lock_file(const char *path) {
+  unique_lock lock(new (std::nothrow) file_lock);
+  if (!lock)
+    return nullptr;
+  char digest[33];
+  lock->path = xasprintf("%s/%s", LOCK_DIRECTORY, md5_hex("", path, digest));
+  lock->fd = open(lock->path.get(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (lock->fd < 0) {
+    report_failure(0, 0, "Unable to open file \"%s\": %s.", lock->path.get(), std::strerror(errno));
+    return lock;
+  }
+  if (flock(lock->fd, LOCK_EX) != 0) {
+    unique_fd(lock->fd).reset();
+    lock->fd = errno == EAGAIN ? 0 : -1;
+  }
+  return lock;
+}
+
+int lock_is_held(const file_lock *lock) {
+  return lock != nullptr && lock->fd > 0 ? 1 : 0;
+}
+
+int unlock_file(unique_lock lock) {
+  if (!lock)
+    return -1;
+  if (!lock_is_held(lock.get()))
+    return 0;
+  if (close(std::exchange(lock->fd, 0)) != 0) {
+    report_failure(0, 0, "An error occured during closing '%s' file: %s\n", lock->path.get(),
+                   std::strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int file_str(const char *path, const char *const *lines, int mode, int sub_mode) {
+  if (mode != EDIT_ADD || sub_mode != ADD_APPEND) {
+    report_failure(0, 0, "file_str: unknown mode %d, %d", mode, sub_mode);
+    return 1;
+  }
+  unique_lock lock = lock_file(path);
+  if (!lock_is_held(lock.get())) {
+    report_failure(0, 0, "Error occurred while locking the file %s: %s\n", path, std::strerror(errno));
+    unlock_file(std::move(lock));
+    return 1;
+  }
+
+  struct stat before = {};
+  const bool existed = stat(path, &before) == 0;
+  if (!existed && errno != ENOENT) {
+    report_failure(0, 0, "file_str: Unable to stat file %s: %s\n", path, std::strerror(errno));
+    hold_until_exit(std::move(lock)); // nobody else should edit a file that cannot even be looked at
+    return 1;
+  }
+
+  if (!append_lines(path, lines) || (existed && !restore_owner_and_mode(path, before))) {
+    unlock_file(std::move(lock));
+    return 1;
+  }
+  if (unlock_file(std::move(lock)) != 0) {
+    report_failure(0, 0, "Error occurred while unlocking the file %s: %s\n", path, std::strerror(errno));
+    return 1;
+  }
+  return 0;
+}
+
+char *md5_hex(const char *prefix, const char *text, char (&output)[33]) {
+  const bounded_text input("%s%s", prefix, text);
+  unsigned char digest[MD5_DIGEST_LENGTH];
+  MD5(reinterpret_cast<const unsigned char *>(input.c_str()), input.length(), digest);
+  char *end = output;
+  for (const unsigned char byte : digest)
+    end += std::snprintf(end, 3, "%02x", byte);
+  return output;
+}
