@@ -1,0 +1,7 @@
+// Anonymous FTP of a domain. Query conventions: db/connection.h.
+#pragma once
+
+#include <mysql.h>
+
+// 1 when anonymous FTP is on for the domain, else 0, also after a report when the database cannot tell.
+int get_anon_ftp(const char *dom_id, MYSQL *db);

@@ -1,0 +1,100 @@
+#include "db/get.h"
+
+#include "db/connection.h"
+#include "db/idn.h"
+#include "db/query.h"
+#include "fs/text.h"
+
+#include <cctype>
+
+const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db) {
+  static char value[TEXT_SIZE];
+
+  assert_quotable(dom_id, "get.c", __LINE__, __func__);
+  assert_quotable(param, "get.c", __LINE__, __func__);
+  const connection_scope connection(db);
+  if (connection.handle == nullptr) {
+    report_failure(0, 0, "Unable to connect to mysql database\n");
+    return nullptr;
+  }
+  const bounded_text query("select val from dom_param where dom_id='%s' and param='%s'", dom_id, param);
+  const unique_result result = db_select(connection.handle, query.c_str());
+  if (!result) {
+    report_failure(0, 0, "Unable to query domain parameter %s: %s\n", param, mysql_error(connection.handle));
+    return nullptr;
+  }
+  MYSQL_ROW row = mysql_fetch_row(result.get());
+  return copy_text(value, row != nullptr && row[0] != nullptr ? row[0] : "");
+}
+
+const char *get_dom_id(const char *name, MYSQL *db) {
+  static char id[TEXT_SIZE];
+
+  assert_quotable(name, "get.c", __LINE__, __func__);
+  const connection_scope connection(db);
+  if (connection.handle == nullptr) {
+    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    return nullptr;
+  }
+  unique_text ascii_name = idn_toascii(name);
+  if (!ascii_name)
+    end_run("idn_toascii() failed: %s", idn_error_text(idn_last_error));
+  const bounded_text query("select id from domains where name='%s'", ascii_name.get());
+  ascii_name.reset();
+  const unique_result result = db_select(connection.handle, query.c_str());
+  if (!result)
+    end_run("Unable to query domain ID: %s\n", mysql_error(connection.handle));
+  MYSQL_ROW row = mysql_fetch_row(result.get());
+  if (row == nullptr || row[0] == nullptr)
+    end_run("get_dom_id(): domains record not found in DB for '%s'\n", name);
+  return copy_text(id, row[0]);
+}
+
+const char *get_exist_case_dom_name(const char *name) {
+  static char stored_name[TEXT_SIZE];
+
+  assert_quotable(name, "get.c", __LINE__, __func__);
+  const unique_connection db = db_connect_or_report();
+  if (!db)
+    end_run("Unable to connect to the mysql database\n");
+  const bounded_text query("select name from domains where name='%s'", name);
+  const unique_result result = db_select(db.get(), query.c_str());
+  if (!result)
+    end_run("Unable to query domain name: %s\n", mysql_error(db.get()));
+  MYSQL_ROW row = mysql_fetch_row(result.get());
+  if (row == nullptr || row[0] == nullptr)
+    return nullptr;
+  copy_text(stored_name, row[0]);
+  for (char *c = stored_name; *c != '\0'; ++c)
+    *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+  return stored_name;
+}
+
+int get_www_prefix(const char *dom_id, MYSQL *db) {
+  assert_quotable(dom_id, "get.c", __LINE__, __func__);
+  const connection_scope connection(db);
+  if (connection.handle == nullptr) {
+    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    return -1;
+  }
+
+  const bounded_text records("select * from domains d, dns_zone z, dns_recs r "
+                             "\t\twhere d.id='%s' and d.dns_zone_id=z.id and r.dns_zone_id=z.id "
+                             "\t\tand ((r.type='A') or (r.type='CNAME')) \t\tand left(r.host,4)='www.'",
+                             dom_id);
+  unique_result result = db_select(connection.handle, records.c_str());
+  if (!result) {
+    report_failure(0, 0, "Unable to query www prefix: %s\n", mysql_error(connection.handle));
+    return -1;
+  }
+  if (mysql_num_rows(result.get()) == 0)
+    return 0;
+
+  const bounded_text subdomain("select * from subdomains \t\t\twhere dom_id='%s' and name='www'", dom_id);
+  result = db_select(connection.handle, subdomain.c_str());
+  if (!result) {
+    report_failure(0, 0, "Unable to query www subdomain: %s\n", mysql_error(connection.handle));
+    return -1;
+  }
+  return mysql_num_rows(result.get()) == 0 ? 1 : 0;
+}
