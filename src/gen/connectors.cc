@@ -1,0 +1,68 @@
+#include "gen/connectors.h"
+
+#include "db/get_param.h"
+#include "env/config.h"
+#include "env/webserver.h"
+#include "fs/handles.h"
+#include "fs/text.h"
+#include "fs/tree.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr char WORKER[] = "ajp13";
+constexpr char DEFAULT_WARP_PORT[] = "9008";
+constexpr char CONNECTOR_PROFILE[] = "kiv";
+
+void create_workers_file(const char *path, const char *port) {
+  unique_file out(fopen(path, "we"));
+  if (!out)
+    end_run("Unable to open file %s for writing: %s\n", path, strerror(errno));
+  fprintf(out.get(), "worker.list=%s\n", WORKER);
+  fprintf(out.get(), "worker.%s.port=%s\n", WORKER, port);
+  fprintf(out.get(), "worker.%s.host=localhost\n", WORKER);
+  fprintf(out.get(), "worker.%s.type=ajp13\n", WORKER);
+  if (close_file(std::move(out)) == 0)
+    return;
+  {
+    const errno_guard keep;
+    unlink(path); // a torn file would never be written again
+  }
+  end_run("Unable to close file %s: %s\n", path, strerror(errno));
+}
+
+} // namespace
+
+void print_jk_connector(FILE *out, MYSQL *db) {
+  const char *setting = get_misc_param("warp_connector_port", db);
+  const bounded_text port("%s", setting != nullptr && setting[0] != '\0' ? setting : DEFAULT_WARP_PORT);
+  const bounded_text workers_file("%s/%s", HTTPD_CONF_D, "workers.properties");
+  if (!path_exists(workers_file.c_str()))
+    create_workers_file(workers_file.c_str(), port.c_str());
+
+  fprintf(out, "<IfModule mod_jk.c>\n");
+  fprintf(out, "\tJkWorkersFile %s\n", workers_file.c_str());
+  fprintf(out, "\tJkLogFile %s/mod_jk.log\n", HTTPD_LOG_D);
+  fprintf(out, "\tJkLogLevel info\n"
+               "</IfModule>\n\n");
+}
+
+void print_coldfusion(FILE *out, MYSQL *db) {
+  const char *runtime = get_cf_instance_path(db);
+  const char *port = runtime != nullptr ? get_misc_param("cf_instance_port", db) : nullptr;
+  if (port == nullptr) {
+    report_failure(0, 0, "ColdFusion paths is not configured in Quarry DB\n");
+    return;
+  }
+  fprintf(out,
+          "\t<IfModule %s.c>\n"
+          "\t\tJRunConfig Verbose false\n"
+          "\t\tJRunConfig Apialloc false\n"
+          "\t\tJRunConfig Ignoresuffixmap false\n"
+          "\t\tJRunConfig Serverstore %s/lib/wsconfig/%s/jrunserver.store\n"
+          "\t\tJRunConfig Bootstrap 127.0.0.1:%s\n"
+          "\t\tAddHandler jrun-handler .jsp .jws .cfm .cfml .cfc\n"
+          "\t</IfModule>\n",
+          apache_version == 20 ? "mod_jrun20" : "mod_jrun22", runtime, CONNECTOR_PROFILE, port);
+}

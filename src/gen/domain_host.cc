@@ -1,0 +1,220 @@
+#include "gen/domain_host.h"
+
+#include "db/query.h"
+#include "env/config.h"
+#include "env/webserver.h"
+#include "fs/text.h"
+#include "fs/tree.h"
+#include "gen/connectors.h"
+#include "gen/print.h"
+
+namespace {
+
+void print_aliases(FILE *out, const domain_record &domain, MYSQL *db) {
+  if (domain.www) {
+    fprintf(out, "\tServerAlias  www.%s\n", domain.name);
+    fprintf(out, "\tUseCanonicalName Off\n");
+  }
+  const bounded_text query("select name \t\t\t\tfrom domainaliases "
+                           "where status='0' and web='true' and dom_id=%s",
+                           domain.id);
+  const unique_result aliases = db_select_or_end_run(db, query.c_str(), "Unable to query");
+  while (MYSQL_ROW row = mysql_fetch_row(aliases.get())) {
+    fprintf(out, "\tServerAlias  %s\n", row[0]);
+    if (domain.www)
+      fprintf(out, "\tServerAlias  www.%s\n", row[0]);
+  }
+}
+
+void print_domain_miva(FILE *out, const domain_record &domain, const char *docs) {
+  const bounded_text data("%s/%s/mivadata", HTTPD_VHOSTS_D, domain.name);
+  const bounded_text documents("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, docs);
+  print_miva(out, data.c_str(), documents.c_str());
+  fprintf(out, "\tSetEnv MvCONFIG_DIR_USER ./\n");
+}
+
+void print_statistics_redirects(FILE *out, const char *name) {
+  fprintf(out, "\tRedirect permanent /quarry-stat https://%s/quarry-stat\n", name);
+  fprintf(out, "\tRedirect permanent /webstat https://%s/webstat\n", name);
+  fprintf(out, "\tRedirect permanent /webstat-ssl https://%s/webstat-ssl\n", name);
+  fprintf(out, "\tRedirect permanent /ftpstat https://%s/ftpstat\n", name);
+  fprintf(out, "\tRedirect permanent /anon_ftpstat https://%s/anon_ftpstat\n", name);
+  fprintf(out, "\tRedirect permanent /awstats-icon https://%s/awstats-icon\n", name);
+}
+
+void print_statistics_aliases(FILE *out, const char *name) {
+  fprintf(out, "\tAlias  /quarry-stat %s/%s/statistics/\n", HTTPD_VHOSTS_D, name);
+  fprintf(out, "\t<Location  /quarry-stat/>\n"
+               "\t\tOptions +Indexes\n"
+               "\t</Location>\n"
+               "\t<Location  /quarry-stat/logs/>\n"
+               "\t\tRequire valid-user\n"
+               "\t</Location>\n");
+  fprintf(out, "\tAlias  /webstat %s/%s/statistics/webstat\n", HTTPD_VHOSTS_D, name);
+  fprintf(out, "\tAlias  /webstat-ssl %s/%s/statistics/webstat-ssl\n", HTTPD_VHOSTS_D, name);
+  fprintf(out, "\tAlias  /ftpstat %s/%s/statistics/ftpstat\n", HTTPD_VHOSTS_D, name);
+  fprintf(out, "\tAlias  /anon_ftpstat %s/%s/statistics/anon_ftpstat\n", HTTPD_VHOSTS_D, name);
+  if (path_exists(bounded_text("%s/icon", AWSTATS_DOC_D).c_str()))
+    fprintf(out, "\tAlias  /awstats-icon %s/icon\n", AWSTATS_DOC_D);
+  else
+    fprintf(out, "\tAlias  /awstats-icon %s\n", AWSTATS_DOC_D);
+}
+
+// Statistics are shown over SSL only, where there is SSL.
+bool redirects_statistics(const domain_record &domain, const host_kind &kind) {
+  return domain.ssl && !kind.ssl;
+}
+
+void print_main_directory(FILE *out, const domain_record &domain, const host_kind &kind, const char *docs) {
+  const bounded_text directory("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, docs);
+  fprintf(out, "\t<Directory %s/%s/%s>\n", HTTPD_VHOSTS_D, domain.name, docs);
+  if (domain.perl)
+    print_perl(out);
+  if (domain.asp)
+    print_asp(out);
+  print_php(out, domain.php, domain.php_safe_mode, directory.c_str());
+  if (domain.python)
+    print_python(out);
+  if (domain.fastcgi)
+    print_fcgid(out);
+  if (kind.ssl)
+    fprintf(out, "\t\tSSLRequireSSL\n");
+  print_options(out, domain.ssi, domain.cgi);
+  fprintf(out, "\t</Directory>\n");
+}
+
+// One web user: columns login, ssi, php, cgi, perl, asp, python, fastcgi.
+void print_web_user(FILE *out, const domain_record &domain, MYSQL_ROW user) {
+  const bounded_text directory("%s/%s/web_users/%s", HTTPD_VHOSTS_D, domain.name, user[0]);
+  const bool cgi = domain.cgi && is_flag_set(user[3]);
+
+  fprintf(out, "\t<Directory %s/%s/web_users/%s>\n", HTTPD_VHOSTS_D, domain.name, user[0]);
+  print_options(out, domain.ssi && is_flag_set(user[1]), cgi);
+  if (cgi)
+    fprintf(out, "\t\tAddHandler cgi-script .cgi\n");
+  if (domain.perl && is_flag_set(user[4]))
+    print_perl(out);
+  if (domain.asp && is_flag_set(user[5]))
+    print_asp(out);
+  print_php(out, domain.php && is_flag_set(user[2]), domain.php_safe_mode, directory.c_str());
+  if (domain.python && is_flag_set(user[6]))
+    print_python(out);
+  if (is_flag_set(user[7])) // a web user may have FastCGI on a domain that has none
+    print_fcgid(out);
+  fprintf(out, "\t</Directory>\n");
+}
+
+void print_web_users(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
+  if (!domain.wu_script) {
+    fprintf(out, "\t<Directory %s/%s/web_users>\n", HTTPD_VHOSTS_D, domain.name);
+    print_php(out, false, false, nullptr);
+    fprintf(out, "\t</Directory>\n");
+    return;
+  }
+  const bounded_text query("select u.login, w.ssi, w.php, w.cgi, w.perl, w.asp, w.python, w.fastcgi "
+                           "\t\t\t\t\tfrom web_users w, sys_users u where w.sys_user_id=u.id and w.dom_id=%s",
+                           domain.id);
+  const unique_result users = db_select_or_end_run(db, query.c_str(), kind.web_user_failure);
+  while (MYSQL_ROW row = mysql_fetch_row(users.get()))
+    print_web_user(out, domain, row);
+}
+
+const char *without_leading_slash(const char *path) {
+  if (path == nullptr)
+    return "";
+  return path[0] == '/' ? path + 1 : path;
+}
+
+// What follows "quarry-stat" in the path of a protected statistics directory; null for any other path.
+const char *behind_quarry_stat(const char *path) {
+  constexpr char NAME[] = "quarry-stat";
+  constexpr std::size_t LENGTH = sizeof NAME - 1;
+  if (strncmp(path, NAME, LENGTH) != 0 || (path[LENGTH] != '/' && path[LENGTH] != '\0'))
+    return nullptr;
+  return path + LENGTH;
+}
+
+unique_result select_protections(const domain_record &domain, const char *flag, MYSQL *db) {
+  const bounded_text query("select p.realm, p.path from protected_dirs p where p.dom_id=%s and p.%s='true'",
+                           domain.id, flag);
+  return db_select_or_end_run(db, query.c_str(), "Unable to query");
+}
+
+void print_document_protections(FILE *out, const domain_record &domain, const host_kind &kind,
+                                const char *docs, MYSQL *db) {
+  const unique_result rows = select_protections(domain, kind.protection_column, db);
+  while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+    const char *path = without_leading_slash(row[1]);
+    const bounded_text relative("%s%s%s", docs, path[0] != '\0' ? "/" : "", path);
+    const char *statistics = domain.webstat ? behind_quarry_stat(path) : nullptr;
+    if (statistics == nullptr) {
+      const bounded_text directory("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, relative.c_str());
+      print_protected_dir(out, directory.c_str(), domain.name, row[0], relative.c_str());
+    } else if (!redirects_statistics(domain, kind)) {
+      const bounded_text directory("%s/%s/statistics%s", HTTPD_VHOSTS_D, domain.name, statistics);
+      print_protected_dir(out, directory.c_str(), domain.name, row[0], relative.c_str());
+    }
+  }
+}
+
+void print_cgi_protections(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
+  const unique_result rows = select_protections(domain, "cgi_bin", db);
+  while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+    const char *path = without_leading_slash(row[1]);
+    const bounded_text relative("%s%s", path[0] != '\0' ? "cgi-bin/" : kind.cgi_root, path);
+    const bounded_text directory("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, relative.c_str());
+    print_protected_dir(out, directory.c_str(), domain.name, row[0], relative.c_str());
+  }
+}
+
+void print_includes(FILE *out, const domain_record &domain, const host_kind &kind) {
+  const bounded_text applications("%s/%s/conf/%s", HTTPD_VHOSTS_D, domain.name, kind.site_applications);
+  print_site_applications_include(out, applications.c_str());
+  const bounded_text custom("%s/%s/conf/%s", HTTPD_VHOSTS_D, domain.name, kind.custom_include);
+  print_custom_include(out, custom.c_str());
+}
+
+} // namespace
+
+void print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
+  const char *docs = docs_of(kind, domain.same_ssl);
+
+  fprintf(out, "<VirtualHost %s:%s>\n", domain.ip_address, kind.port);
+  print_server_name(out, domain.name, kind.port);
+  print_aliases(out, domain, db);
+  print_system_user(out, domain.login, domain.cgi || domain.miva, kind.suexec_indent);
+  if (domain.email != nullptr && domain.email[0] != '\0')
+    fprintf(out, "\tServerAdmin  %s%s%s\n", kind.admin_quote, domain.email, kind.admin_quote);
+  fprintf(out, "\tDocumentRoot %s/%s/%s\n", HTTPD_VHOSTS_D, domain.name, docs);
+  print_logs(out, domain.name, kind.access_log);
+  print_trace_refusal(out);
+  fprintf(out, "<IfModule mod_userdir.c>\n\tUserDir %s/%s/web_users\n</IfModule>\n", HTTPD_VHOSTS_D,
+          domain.name);
+  if (domain.cgi)
+    fprintf(out, "\tScriptAlias  /cgi-bin/ %s/%s/cgi-bin/\n", HTTPD_VHOSTS_D, domain.name);
+  if (domain.miva)
+    print_domain_miva(out, domain, docs);
+  if (domain.webstat && redirects_statistics(domain, kind))
+    print_statistics_redirects(out, domain.name);
+  else if (domain.webstat)
+    print_statistics_aliases(out, domain.name);
+  if (kind.ssl)
+    print_ssl_certificate(out, domain.cert_file, domain.ca_file);
+  else
+    print_ssl_off(out);
+  print_main_directory(out, domain, kind, docs);
+  print_web_users(out, domain, kind, db);
+  print_document_protections(out, domain, kind, docs, db);
+  print_cgi_protections(out, domain, kind, db);
+  if (domain.error_docs)
+    print_error_docs(out, domain.name);
+  if (domain.tomcat_status == 0)
+    print_tomcat(out, domain.id, domain.name, db);
+  if (Apache2 && (kind.ssl ? domain.fp_ssl : domain.fp))
+    print_vti_dirs(out, domain.name, kind.ssl && !domain.same_ssl);
+  if (domain.coldfusion)
+    print_coldfusion(out, db);
+  print_bandwidth(out, domain.traffic_bandwidth, domain.max_connection);
+  print_includes(out, domain, kind);
+  fprintf(out, "</VirtualHost>\n\n");
+}

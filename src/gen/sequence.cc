@@ -1,0 +1,153 @@
+#include "gen/sequence.h"
+
+#include "db/connection.h"
+#include "db/ftp.h"
+#include "db/get.h"
+#include "db/query.h"
+#include "db/service.h"
+#include "env/config.h"
+#include "fs/accounts.h"
+#include "fs/atomic.h"
+#include "fs/tree.h"
+#include "gen/domain_host.h"
+#include "gen/limits.h"
+#include "gen/print.h"
+#include "gen/subdomains.h"
+
+namespace {
+
+constexpr char LIST_FAILURE[] = "Unable to define virtual hosts parameters";
+
+bounded_text include_file_of(const char *domain) {
+  return bounded_text("%s/%s%s", HTTPD_VHOSTS_D, domain, "/conf/httpd.include");
+}
+
+void require_domain_name(const char *domain) {
+  if (domain == nullptr || domain[0] == '\0')
+    end_run("Error: empty DomainName");
+}
+
+unique_result select_domain(const char *domain, MYSQL *db) {
+  const unique_text escaped = db_escape_string(db, domain);
+  const bounded_text query(
+      "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
+      "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
+      "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
+      "\th.traffic_bandwidth, h.max_connection "
+      "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
+      "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
+      "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
+      "\tand d.name='%s'",
+      escaped.get());
+  return db_select_or_end_run(db, query.c_str(), LIST_FAILURE);
+}
+
+domain_record decode_row(const char *name, MYSQL_ROW row) {
+  return {
+      .name = name,
+      .id = row[0],
+      .login = row[2],
+      .email = row[3],
+      .ssi = is_flag_set(row[4]),
+      .php = is_flag_set(row[5]),
+      .php_safe_mode = is_flag_set(row[6]),
+      .cgi = is_flag_set(row[7]),
+      .perl = is_flag_set(row[8]),
+      .asp = is_flag_set(row[9]),
+      .ssl = is_flag_set(row[10]),
+      .webstat = row[11] == nullptr || strncmp(row[11], "none", 4) != 0,
+      .python = is_flag_set(row[12]),
+      .fp = is_flag_set(row[13]),
+      .fp_ssl = is_flag_set(row[14]),
+      .coldfusion = is_flag_set(row[15]),
+      .same_ssl = is_flag_set(row[16]),
+      .ip_address = row[17],
+      .cert_file = row[18],
+      .ca_file = row[19],
+      .fastcgi = is_flag_set(row[20]),
+      .miva = is_flag_set(row[21]),
+      .traffic_bandwidth = parse_limit(row[22]),
+      .max_connection = parse_limit(row[23]),
+      .tomcat_status = -1,
+      .www = false,
+      .error_docs = false,
+      .wu_script = false,
+  };
+}
+
+void print_domain_hosts(FILE *out, const domain_record &domain, MYSQL *db) {
+  print_warning_banner(out, domain.name, domain.ssl);
+  if (domain.ssl) {
+    fprintf(out, "<IfModule mod_ssl.c>\n\n");
+    print_domain_host(out, domain, SSL_HOST, db);
+    fprintf(out, "</IfModule>\n\n");
+  }
+  print_domain_host(out, domain, PLAIN_HOST, db);
+}
+
+void create_each(const unique_result &domains, MYSQL *db) {
+  while (MYSQL_ROW row = mysql_fetch_row(domains.get()))
+    create_vhost_config(row[1], db);
+}
+
+} // namespace
+
+int create_vhost_config(const char *name, MYSQL *db) {
+  const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
+  require_domain_name(name);
+  const unique_result result = select_domain(name, db);
+  MYSQL_ROW row = mysql_fetch_row(result.get());
+  if (row == nullptr) {
+    report_failure(0, 0, "Virtual host parameters not found.\n");
+    return 0;
+  }
+  domain_record domain = decode_row(name, row);
+  domain.tomcat_status = get_service_status(domain.id, "tomcat", db);
+  const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
+
+  staged_file file = open_staged_file(include_file_of(name));
+  if (!user_exists(domain.login)) {
+    report_failure(0, 0, "User %s does not exist, virtual host %s skipped\n", domain.login, name);
+    return -1;
+  }
+  domain.www = get_www_prefix(domain.id, db) != 0; // a database that cannot tell counts as yes
+  get_anon_ftp(domain.id, db);                     // asked for the report on a broken table only
+  domain.error_docs = is_flag_set(get_dom_param(domain.id, "apacheErrorDocs", db));
+  domain.wu_script = is_flag_set(get_dom_param(domain.id, "wu_script", db));
+
+  FILE *out = file.out.get();
+  print_domain_hosts(out, domain, db);
+  if (domain.miva)
+    mkdir_owned(bounded_text("%s/%s/mivadata", HTTPD_VHOSTS_D, name).c_str(), web_server_uid, hosting_gid,
+                0770);
+  if (print_subdomains(out, name, db) != 0) {
+    report_failure(0, 0, "Error in print subdomains configuration for %s\n", name);
+    return -1;
+  }
+  install_staged_file(std::move(file));
+  return 0;
+}
+
+void remove_vhost_config(const char *domain) {
+  require_domain_name(domain);
+  const bounded_text path = include_file_of(domain);
+  if (path_exists(path.c_str()))
+    unlink(path.c_str());
+}
+
+void create_ip_config(const char *ip_address, MYSQL *db) {
+  assert_quotable(ip_address, "sequence.c", __LINE__, __func__);
+  const bounded_text query("select d.id, d.name \t\tfrom domains d, hosting h, IP_Addresses ipa "
+                           "\t\twhere h.dom_id=d.id and d.status='0' and d.htype='vrt_hst' "
+                           "\t\tand ipa.id=h.ip_address_id and ipa.ip_address='%s'",
+                           ip_address);
+  create_each(db_select_or_end_run(db, query.c_str(), LIST_FAILURE), db);
+}
+
+void create_all_vhost_configs(MYSQL *db) {
+  create_each(db_select_or_end_run(db,
+                                   "select d.id, d.name \t\tfrom domains d, hosting h "
+                                   "\t\twhere h.dom_id=d.id and d.status='0' and d.htype='vrt_hst'",
+                                   LIST_FAILURE),
+              db);
+}
