@@ -38,8 +38,9 @@ die() {
 lay_out_directories() {
     (
         umask 022
-        mkdir -p "${private_directories[@]}" \
-            /etc/kiv-apache/conf.d \
+        # The parent may be a symbolic link to a directory that is not there yet.
+        realpath --canonicalize-missing --zero "${private_directories[@]}" | xargs --null mkdir -p
+        mkdir -p /etc/kiv-apache/conf.d \
             /usr/local/kiv/{apache/bin,bin,coldfusion/bin,init.d,mailman/cgi-bin,mailman/icons,var/certificates} \
             /usr/local/frontpage/version5.0/bin \
             /srv/kiv/vhosts/default/{htdocs,httpsdocs,cgi-bin} \

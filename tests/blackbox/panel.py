@@ -66,7 +66,7 @@ SCHEMA = REPOSITORY / "sql/schema.sql"
 MARIADB = REPOSITORY / "sandbox/mariadb"
 
 RESTORED = [
-    "/etc/group", "/etc/kiv", "/etc/kiv-apache", "/etc/passwd", "/run/lock/files", "/srv/kiv",
+    "/etc/group", "/etc/kiv", "/etc/kiv-apache", "/etc/passwd", os.path.realpath("/var/lock/files"), "/srv/kiv",
     "/usr/local/frontpage", "/usr/local/kiv", "/usr/share/kiv-awstats", "/var/lib/kiv-mailman",
     "/var/log/kiv-apache", "/var/log/kiv-services", "/var/qmail",
 ]
