@@ -15,9 +15,18 @@
 #include "service/restart.h"
 #include "service/sem.h"
 
+#include <cerrno>
+#include <cstring>
+#include <new>
 #include <unistd.h>
 
+// Memory that C++ asks for ends the run as all other memory does.
+static void out_of_memory() {
+  end_run("Cannot allocate memory: %s", std::strerror(ENOMEM));
+}
+
 int main(int argc, char **argv) {
+  std::set_new_handler(out_of_memory);
   open_standard_streams();
   PROGNAME = argv[0];
   command_line &line = parse_command_line(argc, argv);

@@ -2,6 +2,7 @@
 
 #include "driver/report.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdlib>
 
@@ -25,26 +26,25 @@ const char *strn_replace(const char *source, char *destination, const char *sear
     std::perror("strn_replace");
     return source;
   }
+  char *end = scratch.get();
+  const auto fits = [&](std::size_t length) {
+    return static_cast<std::size_t>(end - scratch.get()) + length < size;
+  };
 
-  const std::size_t search_length = std::strlen(search);
   const std::size_t replacement_length = std::strlen(replacement);
-  std::size_t length = 0;
   const char *rest = source;
   while (const char *found = std::strstr(rest, search)) {
-    const std::size_t before = static_cast<std::size_t>(found - rest);
-    if (length + before >= size)
+    if (!fits(static_cast<std::size_t>(found - rest)))
       break;
-    std::memcpy(scratch.get() + length, rest, before);
-    length += before;
+    end = std::copy(rest, found, end);
     rest = found;
-    if (length + replacement_length >= size)
+    if (!fits(replacement_length))
       break;
-    std::memcpy(scratch.get() + length, replacement, replacement_length);
-    length += replacement_length;
-    rest = found + search_length;
+    end = std::copy_n(replacement, replacement_length, end);
+    rest = found + std::strlen(search);
   }
   const std::size_t remainder = std::strlen(rest);
-  if (length + remainder < size)
-    std::memcpy(scratch.get() + length, rest, remainder);
+  if (fits(remainder))
+    std::copy_n(rest, remainder, end);
   return std::strncpy(destination, scratch.get(), size);
 }

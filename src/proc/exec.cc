@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <sys/select.h>
 #include <sys/wait.h>
-#include <vector>
 
 namespace {
 
@@ -53,16 +52,29 @@ void exec_vector(const char *path, const char *const *arguments) {
   execv(path, const_cast<char *const *>(arguments));
 }
 
-// The arguments of a call that ends them with a null, after `first` unless that is null; the null included.
-std::vector<const char *> collect_arguments(const char *first, va_list list) {
-  std::vector<const char *> arguments;
+// A null-terminated argument vector; the texts are the caller's.
+struct free_vector {
+  void operator()(const char **vector) const noexcept { std::free(vector); }
+};
+using argument_vector = std::unique_ptr<const char *[], free_vector>;
+
+// The arguments of a call that ends them with a null, behind `first` unless that is null. Null when out of memory.
+argument_vector collect_arguments(const char *first, va_list list) {
+  std::size_t count = first != nullptr ? 2 : 1;
+  va_list counted;
+  va_copy(counted, list);
+  while (va_arg(counted, const char *) != nullptr)
+    ++count;
+  va_end(counted);
+
+  argument_vector arguments(static_cast<const char **>(std::malloc(count * sizeof(const char *))));
+  if (!arguments)
+    return nullptr;
+  std::size_t filled = 0;
   if (first != nullptr)
-    arguments.push_back(first);
-  const char *argument;
-  do {
-    argument = va_arg(list, const char *);
-    arguments.push_back(argument);
-  } while (argument != nullptr);
+    arguments[filled++] = first;
+  while (filled < count)
+    arguments[filled++] = va_arg(list, const char *);
   return arguments;
 }
 
@@ -222,16 +234,20 @@ int fork_execv_getouterr(unique_text &out, const char *path, const char *const *
 int fork_execl_getouterr(unique_text &out, const char *path, ...) {
   va_list list;
   va_start(list, path);
-  const std::vector<const char *> arguments = collect_arguments(nullptr, list);
+  const argument_vector arguments = collect_arguments(nullptr, list);
   va_end(list);
-  return fork_execv_getouterr(out, path, arguments.data());
+  if (!arguments)
+    end_run("malloc() failed: %s", std::strerror(errno));
+  return fork_execv_getouterr(out, path, arguments.get());
 }
 
 int util_exec_capture(unique_text &out, const char *path, ...) {
   va_list list;
   va_start(list, path);
-  const std::vector<const char *> arguments = collect_arguments(path, list);
+  const argument_vector arguments = collect_arguments(path, list);
   va_end(list);
+  if (!arguments)
+    end_run("Cannot allocate buffer:\n%s", std::strerror(errno));
 
   pipe_ends ends;
   const bool piped = make_pipe(ends);
@@ -239,7 +255,7 @@ int util_exec_capture(unique_text &out, const char *path, ...) {
   if (child < 0)
     end_run("Cannot fork():\n%s", std::strerror(errno));
   if (child == 0)
-    exec_into_pipe(ends, path, arguments.data());
+    exec_into_pipe(ends, path, arguments.get());
   ends.write_end.reset();
 
   capture_buffer buffer{unique_text(static_cast<char *>(xrealloc(nullptr, BUFFER_STEP))), BUFFER_STEP, 0};
