@@ -62,5 +62,8 @@ make_sample_files() {
 
 sql kiv <"$sandbox/../sql/sample.sql"
 make_sample_accounts
-make_sample_directories
-make_sample_files
+(
+    umask 022
+    make_sample_directories
+    make_sample_files
+)
