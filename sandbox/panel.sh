@@ -36,7 +36,8 @@ run_command() {
     while :; do
         signalled=
         status=0
-        wait "$command" || status=$?
+        # Not even how the command died is for us to print.
+        wait "$command" 2>/dev/null || status=$?
         [[ $signalled ]] || return "$status"
     done
 }
