@@ -523,7 +523,7 @@ class Panel:
             yield collected
         finally:
             self.sql("SET GLOBAL general_log = 0")
-            rows = self.sql("SELECT command_type, argument FROM mysql.general_log WHERE user_host LIKE 'admin[%%'")
+            rows = self.sql("SELECT command_type, argument FROM mysql.general_log WHERE user_host LIKE '%[admin]%'")
             for command, argument in rows:
                 if command == "Connect":
                     collected.connections += 1
