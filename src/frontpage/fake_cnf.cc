@@ -3,16 +3,11 @@
 #include "db/get.h"
 #include "env/config.h"
 #include "env/webserver.h"
+#include "fs/accounts.h"
 #include "fs/handles.h"
 
 #include <cerrno>
 #include <cstring>
-
-namespace {
-
-constexpr char HOSTING_GROUP[] = "kivcln";
-
-} // namespace
 
 int mk_fake_cnf(const char *path, const char *domain, const char *system_user, const char *port,
                 bool same_ssl) {

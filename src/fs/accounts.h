@@ -3,6 +3,10 @@
 
 #include <sys/types.h>
 
+// Group of every hosting account, and the user that the web server runs as.
+inline constexpr char HOSTING_GROUP[] = "kivcln";
+inline constexpr char WEB_SERVER_USER[] = "wwwrun";
+
 // Whether getpwnam knows the user. A run over many domains asks for as many users: after a few questions the user
 // database is read once as a whole, and only names that it did not list are asked for one by one.
 bool user_exists(const char *name);

@@ -4,6 +4,7 @@
 #include "db/query.h"
 #include "env/config.h"
 #include "env/webserver.h"
+#include "fs/accounts.h"
 #include "fs/text.h"
 #include "fs/tree.h"
 

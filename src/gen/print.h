@@ -8,10 +8,6 @@
 #include <cstdio>
 #include <mysql.h>
 
-// Group of every hosting account, and the user that the web server runs as.
-inline constexpr char HOSTING_GROUP[] = "kivcln";
-inline constexpr char WEB_SERVER_USER[] = "wwwrun";
-
 // Who may edit what: the head of a domain's file. `with_ssl` names the SSL host's custom file too.
 void print_warning_banner(FILE *out, const char *domain, bool with_ssl);
 
