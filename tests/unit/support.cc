@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <mysql.h>
+#include <new>
 #include <ostream>
 #include <poll.h>
 #include <sstream>
@@ -108,7 +109,47 @@ std::vector<sql_row> stored_rows(MYSQL_RES *result) {
   return rows;
 }
 
+std::size_t failing_size = 0;
+
+// Whether an allocation of this size is to fail; says so in errno.
+bool fails(std::size_t size) {
+  if (failing_size == 0 || size != failing_size)
+    return false;
+  errno = ENOMEM;
+  return true;
+}
+
 } // namespace
+
+// The program's allocations pass here. Below are those of the C library, or of the address sanitizer.
+#if defined(__SANITIZE_ADDRESS__)
+#define BELOW(function) __interceptor_##function
+#else
+#define BELOW(function) __libc_##function
+#endif
+extern "C" void *BELOW(malloc)(std::size_t size);
+extern "C" void *BELOW(calloc)(std::size_t count, std::size_t size);
+extern "C" void *BELOW(realloc)(void *block, std::size_t size);
+
+extern "C" void *malloc(std::size_t size) {
+  return fails(size) ? nullptr : BELOW(malloc)(size);
+}
+
+extern "C" void *calloc(std::size_t count, std::size_t size) {
+  return fails(count * size) ? nullptr : BELOW(calloc)(count, size);
+}
+
+extern "C" void *realloc(void *block, std::size_t size) {
+  return fails(size) ? nullptr : BELOW(realloc)(block, size);
+}
+
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+  return fails(size) ? nullptr : ::operator new(size);
+}
+
+void fail_allocations_of(std::size_t size) {
+  failing_size = size;
+}
 
 void PrintTo(const outcome &run, std::ostream *stream) {
   *stream << "status " << run.status << ", signal " << run.signal << "\nstandard output:\n"

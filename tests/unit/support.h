@@ -81,6 +81,10 @@ struct memory_file_system {
   std::string path;
 };
 
+// From here on every allocation of exactly `size` bytes fails (malloc, calloc, realloc, non-throwing new), to the end
+// of the process: for the body of run_in_child.
+void fail_allocations_of(std::size_t size);
+
 // Whether the panel was laid out on the machine itself, where nothing may be mounted.
 bool in_place();
 
