@@ -9,7 +9,6 @@ int close_file(unique_file stream) {
     return -1;
   if (!lost)
     return 0;
-  if (errno == 0)
-    errno = EIO;
+  errno = EIO; // the write's own error is long overwritten
   return -1;
 }
