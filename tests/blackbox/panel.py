@@ -470,9 +470,9 @@ class Panel:
         path.write_text("#!/bin/bash\n" + body)
         path.chmod(0o755)
 
-    def small_disk(self, directory, kilobytes):
-        """Mounts an empty disk of that size over a directory."""
-        self._mount(directory, f"size={kilobytes}k")
+    def small_disk(self, directory, kilobytes, files=None):
+        """Mounts an empty disk of that size over a directory, with room for so many files at most."""
+        self._mount(directory, f"size={kilobytes}k" + ("" if files is None else f",nr_inodes={files + 1}"))
 
     def read_only(self, directory):
         """Makes a directory and everything below it read-only, for root as well."""
