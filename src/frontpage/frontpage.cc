@@ -120,10 +120,22 @@ int run(const bounded_text &command) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Keeps the extensions from attaching the sub-web `name` ("/sub") of an earlier installation again.
+// Whether the path lies below the directory when all links are resolved.
+bool is_below(const char *path, const char *directory) {
+  const unique_text real_path(realpath(path, nullptr));
+  const unique_text real_directory(realpath(directory, nullptr));
+  if (!real_path || !real_directory)
+    return false;
+  const std::size_t length = strlen(real_directory.get());
+  return strncmp(real_path.get(), real_directory.get(), length) == 0 && real_path.get()[length] == '/';
+}
+
+// Keeps the extensions from attaching the sub-web `name` ("/sub") of an earlier installation again. The site's owner
+// writes the list and the links, so neither may lead out of the document root.
 void hide_sub_web(const char *docs_root, const char *name) {
+  const bounded_text web("%s%s/_vti_pvt", docs_root, name);
   const bounded_text services("%s%s/_vti_pvt/services.cnf", docs_root, name);
-  if (!path_exists(services.c_str()) || services.length() < 3)
+  if (!path_exists(services.c_str()) || !is_below(web.c_str(), docs_root))
     return;
   bounded_text hidden = services;
   memcpy(hidden.text + hidden.length() - 3, "org", 3);
@@ -132,6 +144,9 @@ void hide_sub_web(const char *docs_root, const char *name) {
 
 void hide_sub_webs(const char *docs_root) {
   const bounded_text services("%s/_vti_pvt/services.cnf", docs_root);
+  struct stat status;
+  if (stat(services.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) // opening a pipe would not return
+    return;
   const unique_file file(fopen(services.c_str(), "re"));
   if (!file)
     return;
