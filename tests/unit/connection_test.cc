@@ -502,14 +502,14 @@ TEST_F(quoting_rule, lets_null_and_plain_texts_pass) {
 
 TEST_F(quoting_rule, aborts_on_quotes_and_backslashes_wherever_they_are) {
   for (const char *text : {"'", "\"", "\\", "x'", "'x", "x\"y", "x\\y", "'\"\\"})
-    EXPECT_TRUE(aborted_at(quotable(text), "some.c:12: some_function")) << text;
+    EXPECT_TRUE(aborted_in(quotable(text), "some.c", "some_function", 12)) << text;
 }
 
 TEST_F(quoting_rule, aborts_a_getter_before_it_sends_anything) {
   const admin_connection db;
   const statement_log log;
   EXPECT_TRUE(
-      aborted_at(run_in_child([&db] { get_misc_param("it's", db); }), "get_param.c:57: get_param_simple"));
+      aborted_in(run_in_child([&db] { get_misc_param("it's", db); }), "get_param.c", "get_param_simple", 57));
   EXPECT_EQ(log.statements(), std::vector<std::string>{});
 }
 

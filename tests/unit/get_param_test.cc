@@ -80,7 +80,7 @@ TEST_F(settings, whose_name_holds_a_quote_or_backslash_abort_the_run) {
   const admin_connection db;
   for (const char *name : {"it's", "a\"b", "a\\b"})
     EXPECT_TRUE(
-        aborted_at(run_in_child([&] { get_misc_param(name, db); }), "get_param.c:57: get_param_simple"));
+        aborted_in(run_in_child([&] { get_misc_param(name, db); }), "get_param.c", "get_param_simple", 57));
 }
 
 TEST_F(settings, are_null_after_a_report_when_the_query_fails) {
@@ -177,8 +177,8 @@ TEST_F(hosting_type, is_that_of_the_domain_with_the_id) {
 }
 
 TEST_F(hosting_type, of_an_id_with_a_quote_aborts_the_run) {
-  EXPECT_TRUE(
-      aborted_at(run_in_child([] { get_domain_htype("7'", nullptr); }), "get_param.c:57: get_param_simple"));
+  EXPECT_TRUE(aborted_in(run_in_child([] { get_domain_htype("7'", nullptr); }), "get_param.c",
+                         "get_param_simple", 57));
 }
 
 TEST_F(hosting_type, is_null_after_a_report_when_the_query_fails) {

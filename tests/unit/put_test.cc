@@ -65,7 +65,7 @@ TEST_F(storing, under_a_name_with_a_quote_or_backslash_aborts_the_run) {
   const admin_connection db;
   const statement_log log;
   for (const char *name : {"it's", "a\"b", "a\\b"})
-    EXPECT_TRUE(aborted_at(run_in_child([&] { put_param(name, "true", db); }), "put.c:31: put_param"));
+    EXPECT_TRUE(aborted_in(run_in_child([&] { put_param(name, "true", db); }), "put.c", "put_param", 31));
   EXPECT_EQ(log.statements(), std::vector<std::string>{});
 }
 
@@ -130,7 +130,7 @@ TEST_F(deleting, what_is_not_there_succeeds) {
 TEST_F(deleting, a_name_with_a_quote_or_backslash_aborts_the_run_before_it_connects) {
   const wrong_password wrong;
   for (const char *name : {"it's", "a\"b", "a\\b"})
-    EXPECT_TRUE(aborted_at(run_in_child([name] { del_param(name, nullptr); }), "put.c:53: del_param"));
+    EXPECT_TRUE(aborted_in(run_in_child([name] { del_param(name, nullptr); }), "put.c", "del_param", 53));
 }
 
 TEST_F(deleting, that_fails_is_reported) {

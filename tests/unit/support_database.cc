@@ -86,13 +86,20 @@ testing::AssertionResult said(const outcome &run, int status, const std::vector<
                                      << own << "\nbut it was " << testing::PrintToString(run);
 }
 
-testing::AssertionResult aborted_at(const outcome &run, const std::string &place) {
-  const std::string start = std::string(program_invocation_short_name) + ": " + place + ": Assertion `";
-  if (run.signal == SIGABRT && run.out.empty() && run.err.starts_with(start) &&
-      run.err.ends_with("' failed.\n") && run.err.find('\n') == run.err.size() - 1)
+testing::AssertionResult aborted_in(const outcome &run, const std::string &source,
+                                    const std::string &function, int line) {
+  std::string_view text = run.err;
+  int place = 0;
+  if (take(text, std::string(program_invocation_short_name) + ": " + source + ":"))
+    text.remove_prefix(static_cast<std::size_t>(
+        std::from_chars(text.data(), text.data() + text.size(), place).ptr - text.data()));
+  if (run.signal == SIGABRT && run.out.empty() && place > 0 && (line == 0 || place == line) &&
+      take(text, ": " + function + ": Assertion `") && text.ends_with("' failed.\n") &&
+      text.find('\n') == text.size() - 1)
     return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "expected to be aborted with\n"
-                                     << start << "...' failed.\nbut it was " << testing::PrintToString(run);
+  return testing::AssertionFailure() << "expected a failed assertion in " << source << ", line " << line
+                                     << ", function " << function << ", but it was "
+                                     << testing::PrintToString(run);
 }
 
 wrong_password::wrong_password() : file("/etc/kiv/.kiv.shadow") {

@@ -13,8 +13,10 @@
 testing::AssertionResult said(const outcome &run, int status, const std::vector<std::string> &messages,
                               const std::string &own = "");
 
-// Whether the child was ended by a failed assertion at this place ("put.c:31: put_param") and said nothing else.
-testing::AssertionResult aborted_at(const outcome &run, const std::string &place);
+// Whether the child was ended by a failed assertion in this source file and function, on `line` unless that is 0, and
+// said nothing else.
+testing::AssertionResult aborted_in(const outcome &run, const std::string &source,
+                                    const std::string &function, int line = 0);
 
 // The administrator's password file holds a wrong password until the end of the scope.
 struct wrong_password {
