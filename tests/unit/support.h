@@ -25,17 +25,18 @@ void PrintTo(const outcome &run, std::ostream *stream);
 // Runs `body` in a forked child that begins with errno 0, and exits with what it returns. Use run_in_child.
 outcome run_status_in_child(const std::function<int()> &body);
 
-// Runs `body` in a forked child and exits with what it returns, or 0 when it returns nothing. The child begins with
+// Runs `body` in a forked child and exits with the number it returns, or 0 when it returns none. The child begins with
 // errno 0 and everything else as it is here; a body says what it finds out by printing it, since expectations in it
 // would be lost. Descendants that outlive the child are not waited for.
 template <typename Body> outcome run_in_child(const Body &body) {
-  if constexpr (std::is_void_v<std::invoke_result_t<Body>>)
-    return run_status_in_child([&body] {
+  return run_status_in_child([&body] {
+    if constexpr (std::is_convertible_v<std::invoke_result_t<Body>, int>) {
+      return static_cast<int>(body());
+    } else {
       body();
       return EXIT_SUCCESS;
-    });
-  else
-    return run_status_in_child([&body] { return static_cast<int>(body()); });
+    }
+  });
 }
 
 // Whether the child exited with `status` and each of its streams is exactly `text`, as for one or more reports.
