@@ -10,6 +10,26 @@ from panel import SERVER_FILE, SOCKET, wait_until
 EARLIER = "# of an earlier run\n"
 
 
+# The database
+
+@contextlib.contextmanager
+def account_of_admin(panel, change, back):
+    """Changes the account that the program connects as, for a while."""
+    panel.sql(f"ALTER USER admin@localhost {change}")
+    try:
+        yield
+    finally:
+        panel.sql(f"ALTER USER admin@localhost {back}")
+
+
+@contextlib.contextmanager
+def queries_of_admin(panel, number):
+    """Lets the program send that many statements and no more; yields the server's words about the next one."""
+    with account_of_admin(panel, f"WITH MAX_QUERIES_PER_HOUR {number}", "WITH MAX_QUERIES_PER_HOUR 0"):
+        panel.sql("FLUSH USER_RESOURCES")
+        yield f"User 'admin' has exceeded the 'max_queries_per_hour' resource (current value: {number})"
+
+
 @contextlib.contextmanager
 def table_lock(*tables):
     """Keeps everyone else away from tables of the panel database."""
@@ -26,6 +46,8 @@ def waits_for_table(panel):
     return panel.sql("SELECT info FROM information_schema.processlist "
                      "WHERE user = 'admin' AND state LIKE 'Waiting for%%lock'")
 
+
+# Processes
 
 def waits_for_byte(pid):
     """Whether the process waits for a byte that another one holds."""
