@@ -225,9 +225,10 @@ int fork_execv_getouterr(unique_text &out, const char *path, const char *const *
   if (!state.reaped)
     reap(child, WUNTRACED, state);
 
-  if (buffer.text)
+  if (buffer.fill > 0) {
     buffer.text.get()[buffer.fill] = '\0';
-  out = std::move(buffer.text);
+    out = std::move(buffer.text);
+  }
   return state.code;
 }
 

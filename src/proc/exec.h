@@ -14,9 +14,9 @@ inline constexpr int TO_DEV_NULL = -1;
 // run. A child that cannot be set up says so on standard error and exits with 255.
 pid_t fork_execv(int input, int output, int error, const char *path, const char *const *arguments);
 
-// Runs a program to its end and captures its standard output in `out` as heap text: null when it wrote nothing and
-// no read happened. Input and standard error are inherited. Returns the exit code, or -1 when the program did not
-// exit normally or could not be waited for. A descendant that keeps the output open is not waited for.
+// Runs a program to its end and captures its standard output in `out` as heap text: null when it wrote nothing.
+// Input and standard error are inherited. Returns the exit code, or -1 when the program did not exit normally or
+// could not be waited for. A descendant that keeps the output open is not waited for.
 int fork_execv_getouterr(unique_text &out, const char *path, const char *const *arguments);
 
 // The same with the arguments one by one, ended by a null.
