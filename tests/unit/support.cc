@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <linux/capability.h>
 #include <memory>
 #include <mysql.h>
 #include <new>
@@ -165,6 +166,7 @@ outcome run_status_in_child(const std::function<int()> &body) {
   if (child == 0) {
     out.become(STDOUT_FILENO);
     err.become(STDERR_FILENO);
+    setenv("GCOV_ERROR_FILE", "/dev/null", 1); // coverage counters may be out of the child's reach
     errno = 0;
     std::exit(body());
   }
@@ -224,6 +226,19 @@ memory_file_system::memory_file_system(const std::string &directory, const std::
 
 memory_file_system::~memory_file_system() {
   umount2(path.c_str(), MNT_DETACH);
+}
+
+void become_user(uid_t user) {
+  check(setgid(user), "setgid");
+  check(setuid(user), "setuid");
+}
+
+void drop_capability(unsigned number) {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3];
+  check(static_cast<int>(syscall(SYS_capget, &header, sets)), "capget");
+  sets[CAP_TO_INDEX(number)].effective &= ~CAP_TO_MASK(number);
+  check(static_cast<int>(syscall(SYS_capset, &header, sets)), "capset");
 }
 
 bool in_place() {

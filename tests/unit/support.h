@@ -86,6 +86,10 @@ struct memory_file_system {
 // of the process: for the body of run_in_child.
 void fail_allocations_of(std::size_t size);
 
+// Gives up root for good, or one capability of it (by its number in <linux/capability.h>): for the body of run_in_child.
+void become_user(uid_t user);
+void drop_capability(unsigned number);
+
 // Whether the panel was laid out on the machine itself, where nothing may be mounted.
 bool in_place();
 
