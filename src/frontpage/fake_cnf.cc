@@ -31,8 +31,8 @@ int mk_fake_cnf(const char *path, const char *domain, const char *system_user, c
   return 0;
 }
 
-void print_fake_vhost(FILE *out, const char *domain, const char *system_user, const char *port,
-                      const char *prefix, bool same_ssl) {
+int print_fake_vhost(FILE *out, const char *domain, const char *system_user, const char *port,
+                     const char *prefix, bool same_ssl) {
   const char *name = get_exist_case_dom_name(domain);
   if (name == nullptr)
     end_run("Error: not existing domain '%s'\n", domain);
@@ -50,4 +50,5 @@ void print_fake_vhost(FILE *out, const char *domain, const char *system_user, co
                "\t\tAllow from all\n"
                "\t</Directory>\n"
                "</VirtualHost>\n\n");
+  return 0;
 }

@@ -9,6 +9,6 @@
 int mk_fake_cnf(const char *path, const char *domain, const char *system_user, const char *port,
                 bool same_ssl);
 
-// Writes one virtual host to the stream. A domain that is not in the database ends the run.
-void print_fake_vhost(FILE *out, const char *domain, const char *system_user, const char *port,
-                      const char *prefix, bool same_ssl);
+// Writes one virtual host to the stream. Returns 0; a domain that is not in the database ends the run.
+int print_fake_vhost(FILE *out, const char *domain, const char *system_user, const char *port,
+                     const char *prefix, bool same_ssl);
