@@ -1,0 +1,211 @@
+#include "frontpage/frontpage.h"
+
+#include "env/config.h"
+#include "env/webserver.h"
+#include "fs/lock.h"
+#include "support_database.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+const std::string FRONTPAGE_D = "/usr/local/frontpage";
+const std::string CONF_D = FRONTPAGE_D + "/conf";
+const std::string OWSADM = FRONTPAGE_D + "/version5.0/bin/owsadm.exe";
+const std::string FAKE_CNF = CONF_D + "/example.test.fp.80.cnf";
+
+constexpr frontpage_operation OPERATIONS[] = {
+    FP_INSTALL, FP_REMOVE, FP_ENABLE, FP_DISABLE, FP_RENAME_ADMIN, FP_CHANGE_PASSWORD,
+};
+
+// A panel with the domain example.test, whose administration program is a shell script.
+struct frontpage : empty_database {
+  frontpage() {
+    HTTPD_VHOSTS_D = directory.path.c_str();
+    HTTPD_CONF_D = directory.path.c_str();
+    write_file(directory / "httpd.conf", "ServerRoot /etc/server\n");
+    make_directories(directory / "example.test/httpdocs");
+    sql("insert into domains (id, name, cl_id, htype) values (1, 'example.test', 1, 'vrt_hst');"
+        "insert into hosting (dom_id, sys_user_id, ip_address_id) values (1, 1, 1)");
+  }
+  ~frontpage() override {
+    HTTPD_VHOSTS_D = nullptr;
+    HTTPD_CONF_D = nullptr;
+    std::filesystem::remove_all(CONF_D);
+    for (const std::string name : {"/example.test:80.cnf", "/www.example.test:80.cnf"})
+      unlink((FRONTPAGE_D + name).c_str());
+  }
+
+  static void administration_program(const std::string &commands) {
+    write_file(OWSADM, "#!/bin/sh\n" + commands, 0755);
+  }
+
+  const temporary_directory directory;
+  const kept_file kept{OWSADM};
+};
+
+// Runs an operation on example.test and prints its result.
+void manage(int operation) {
+  const admin_connection db;
+  const int result = manage_frontpage({.operation = operation,
+                                       .domain = "example.test",
+                                       .system_user = "web1",
+                                       .port = "80",
+                                       .admin_name = "fpadmin",
+                                       .password = "s3cret",
+                                       .old_name = "oldadmin",
+                                       .new_name = "newadmin"},
+                                      db);
+  std::printf("result %d\n", result);
+}
+
+std::string result_of(int operation) {
+  const outcome run = run_in_child([=] { manage(operation); });
+  EXPECT_EQ(run.status, 0);
+  return run.out.substr(run.out.rfind("result"));
+}
+
+TEST_F(frontpage, result_is_the_exit_status_of_the_administration_program) {
+  for (const int operation : OPERATIONS) {
+    SCOPED_TRACE(operation);
+    administration_program("exit 0\n");
+    EXPECT_EQ(result_of(operation), "result 0\n");
+    administration_program("exit 7\n");
+    EXPECT_EQ(result_of(operation), "result 7\n");
+    administration_program("exit 255\n");
+    EXPECT_EQ(result_of(operation), "result 255\n");
+  }
+}
+
+TEST_F(frontpage, result_of_a_rename_is_the_status_of_the_role_assignment) {
+  administration_program("test \"$2\" = userroles || exit 3\n");
+  EXPECT_EQ(result_of(FP_RENAME_ADMIN), "result 0\n");
+  administration_program("test \"$2\" = users || exit 5\n");
+  EXPECT_EQ(result_of(FP_RENAME_ADMIN), "result 5\n");
+}
+
+TEST_F(frontpage, result_of_an_administration_program_that_cannot_be_started_is_the_status_of_the_shell) {
+  write_file(OWSADM, "#!/nonexistent/interpreter\n", 0755);
+  EXPECT_EQ(result_of(FP_ENABLE), "result 127\n");
+}
+
+TEST_F(frontpage, administration_program_that_is_killed_is_no_success) {
+  administration_program("kill -KILL $$\n");
+  EXPECT_NE(result_of(FP_ENABLE), "result 0\n");
+}
+
+TEST_F(frontpage, server_type_of_an_installation_follows_the_generation_of_apache) {
+  administration_program("echo \"$4\"\n");
+  struct {
+    int apache2;
+    const char *out;
+  } const cases[] = {{1, "apache-2.0\nresult 0\n"}, {0, "apache-fp\nresult 0\n"}};
+  for (const auto &[apache2, out] : cases) {
+    const outcome run = run_in_child([=] {
+      Apache2 = apache2;
+      manage(FP_INSTALL);
+    });
+    EXPECT_EQ(run.out, out);
+  }
+}
+
+TEST_F(frontpage, operation_outside_the_six_ends_the_run_after_the_preparation) {
+  for (const int operation : {0, 11, 18, -1}) {
+    SCOPED_TRACE(operation);
+    administration_program("echo called\n");
+    EXPECT_TRUE(said(run_in_child([=] { manage(operation); }), 1,
+                     {"First parameter or numbers of parameters is wrong\n"}));
+    EXPECT_TRUE(read_file(FAKE_CNF).starts_with("Port 80\n"));
+    unlink(FAKE_CNF.c_str());
+  }
+}
+
+// The descriptor of this process that holds the lock of the stand-alone server file.
+int lock_descriptor() {
+  char digest[33];
+  const std::string name = md5_hex("", FAKE_CNF.c_str(), digest);
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry, gone).filename() == name)
+      return std::stoi(entry.path().filename());
+  }
+  return -1;
+}
+
+TEST_F(frontpage, lock_that_cannot_be_released_ends_the_run) {
+  const std::string begun = directory / "begun";
+  const std::string gate = directory / "gate";
+  ASSERT_EQ(mkfifo(begun.c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
+  administration_program("echo >" + begun + "; read -r _ <" + gate + "\n");
+
+  const outcome run = run_in_child([&] {
+    // Takes the lock's descriptor away while the administration program runs.
+    std::thread([&] {
+      char byte;
+      const int begun_end = open(begun.c_str(), O_RDONLY);
+      if (read(begun_end, &byte, 1) != 1)
+        _exit(90);
+      const int gate_end = open(gate.c_str(), O_RDWR); // stays open: the lock's number must not be used again
+      if (close(lock_descriptor()) != 0 || write(gate_end, "\n", 1) != 1)
+        _exit(91);
+    }).detach();
+    manage(FP_ENABLE);
+  });
+  char digest[33];
+  const std::string lock = std::string("/var/lock/files/") + md5_hex("", FAKE_CNF.c_str(), digest);
+  EXPECT_TRUE(reported(run, 1,
+                       "An error occured during closing '" + lock +
+                           "' file: Bad file descriptor\n"
+                           "\nSystem error 9: Bad file descriptor\n"
+                           "fp_shim: error while trying to remove a lock file\n"
+                           "\nSystem error 9: Bad file descriptor\n"));
+}
+
+TEST_F(frontpage, lock_is_free_for_the_next_operation_of_the_same_process) {
+  administration_program("exit 0\n");
+  const outcome run = run_in_child([] {
+    manage(FP_ENABLE);
+    manage(FP_DISABLE);
+  });
+  EXPECT_EQ(run.out, "result 0\nresult 0\n");
+}
+
+TEST(frontpage_password, first_request_takes_the_variable_and_later_ones_remember_it) {
+  const outcome run = run_in_child([] {
+    setenv("KIV_PASSWORD", "first", 1);
+    std::printf("%s ", frontpage_password());
+    std::printf("%s ", getenv("KIV_PASSWORD") == nullptr ? "gone" : "there");
+    setenv("KIV_PASSWORD", "second", 1);
+    std::printf("%s", frontpage_password());
+  });
+  EXPECT_EQ(run.out, "first gone first");
+}
+
+TEST(frontpage_password, unset_variable_is_the_empty_password_from_then_on) {
+  const outcome run = run_in_child([] {
+    unsetenv("KIV_PASSWORD");
+    std::printf("<%s>", frontpage_password());
+    setenv("KIV_PASSWORD", "late", 1);
+    std::printf("<%s>", frontpage_password());
+  });
+  EXPECT_EQ(run.out, "<><>");
+}
+
+TEST(frontpage_password, long_password_is_cut_at_the_size_of_the_buffer) {
+  const outcome run = run_in_child([] {
+    setenv("KIV_PASSWORD", std::string(5000, 'p').c_str(), 1);
+    std::printf("%s", frontpage_password());
+  });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_GE(run.out.size(), 4095u);
+  EXPECT_LE(run.out.size(), 4096u);
+}
+
+} // namespace
