@@ -27,7 +27,8 @@ bool write_fully(int fd, const char *data, std::size_t size) {
 
 staged_file open_staged_file(const bounded_text &target) {
   staged_file file{target, bounded_text("%s.new", target.c_str()), nullptr};
-  if (path_exists(file.work.c_str()))
+  struct stat status;
+  if (lstat(file.work.c_str(), &status) == 0) // a dangling link, too, would lead us elsewhere
     unlink(file.work.c_str());
   file.out.reset(std::fopen(file.work.c_str(), "we"));
   if (!file.out)

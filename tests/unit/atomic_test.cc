@@ -349,15 +349,28 @@ TEST_F(staged, stale_work_file_is_removed_first) {
 }
 
 TEST_F(staged, symbolic_link_in_place_of_the_work_file_is_removed_not_followed) {
-  write_file(directory / "elsewhere", "untouched");
-  ASSERT_EQ(symlink("elsewhere", work.c_str()), 0);
-  EXPECT_TRUE(quiet(run_in_child([this] {
-    staged_file file = open();
-    std::fputs("new", file.out.get());
-    install_staged_file(std::move(file));
-  })));
-  EXPECT_EQ(read_file(directory / "elsewhere"), "untouched");
-  EXPECT_EQ(read_file(target), "new");
+  for (const char *elsewhere : {"existing", "missing"}) {
+    SCOPED_TRACE(elsewhere);
+    write_file(directory / "existing", "untouched");
+    ASSERT_EQ(symlink(elsewhere, work.c_str()), 0);
+    EXPECT_TRUE(quiet(run_in_child([this] {
+      staged_file file = open();
+      std::fputs("new", file.out.get());
+      install_staged_file(std::move(file));
+    })));
+    EXPECT_EQ(entries(directory.path), (std::vector<std::string>{"existing", "httpd.include"}));
+    EXPECT_EQ(read_file(directory / "existing"), "untouched");
+    EXPECT_EQ(read_file(target), "new");
+  }
+}
+
+TEST_F(staged, work_file_that_cannot_be_opened_ends_the_run) {
+  const std::string missing = directory / "missing/httpd.include";
+  EXPECT_TRUE(reported(run_in_child([&] { open_staged_file(bounded_text("%s", missing.c_str())); }), 1,
+                       "Unable to open file " + missing +
+                           ".new for writing: No such file or directory\n"
+                           "\n"
+                           "System error 2: No such file or directory\n"));
 }
 
 TEST_F(staged, work_file_that_is_lost_on_closing_leaves_the_target_alone) {
