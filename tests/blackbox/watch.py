@@ -182,12 +182,11 @@ def adopting(panel):
     try:
         yield Adoption()
     finally:
+        assert prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0) == 0
         for pid in processes(panel):
             os.kill(pid, signal.SIGKILL)
-        assert prctl(PR_SET_CHILD_SUBREAPER, 0, 0, 0, 0) == 0
-        with contextlib.suppress(ChildProcessError):
-            while True:
-                os.waitpid(-1, 0)
+            with contextlib.suppress(ChildProcessError):
+                os.waitpid(pid, 0)
 
 
 @contextlib.contextmanager
