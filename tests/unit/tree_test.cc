@@ -1,0 +1,629 @@
+#include "fs/tree.h"
+
+#include "support.h"
+
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+// What the system's functions below are to fail at, with EIO: an entry by its name, the way back, the end of a walk.
+std::string unreadable_entry;
+std::string vanished_entry;  // is gone when it is looked at
+std::string vanishing_entry; // is gone when it was looked at
+bool fchdir_fails = false;
+bool closedir_fails = false;
+
+const char NOT_PERMITTED[] = "System error 1: Operation not permitted\n";
+const char DENIED[] = "System error 13: Permission denied\n";
+const char IO_ERROR[] = "System error 5: Input/output error\n";
+
+// Every entry below a directory as "path", "path/" for a directory and "path -> target" for a link, one a line.
+void list_into(const std::string &directory, const std::string &prefix, std::string &list) {
+  for (const std::string &name : entries(directory)) {
+    const std::string path = directory + "/" + name;
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0)
+      continue;
+    list += prefix + name;
+    if (S_ISLNK(status.st_mode)) {
+      char target[256] = "";
+      static_cast<void>(readlink(path.c_str(), target, sizeof target - 1));
+      list += std::string(" -> ") + target;
+    }
+    list += S_ISDIR(status.st_mode) ? "/\n" : "\n";
+    if (S_ISDIR(status.st_mode))
+      list_into(path, prefix + name + "/", list);
+  }
+}
+
+struct tree : testing::Test {
+  tree() {
+    chmod(base.path.c_str(), 0755);
+    make_directories(top);
+  }
+
+  void directory(const std::string &name) const { make_directories(top + "/" + name); }
+  void file(const std::string &name, const std::string &content = "") const {
+    write_file(top + "/" + name, content);
+  }
+  void link(const std::string &name, const std::string &target) const {
+    ASSERT_EQ(symlink(target.c_str(), (top + "/" + name).c_str()), 0);
+  }
+  void pipe(const std::string &name) const { ASSERT_EQ(mkfifo((top + "/" + name).c_str(), 0644), 0); }
+
+  // All that is below the top.
+  std::string list() const {
+    std::string text;
+    list_into(top, "", text);
+    return text;
+  }
+
+  // Lets somebody else, and not root's privileges, do the work.
+  outcome remove_as_user(const std::string &path) const {
+    return run_in_child([&] {
+      become_user(30030);
+      remove_tree(path.c_str(), true);
+    });
+  }
+
+  outcome remove(bool remove_top = true) const {
+    return run_in_child([&] { remove_tree(top.c_str(), remove_top); });
+  }
+
+  outcome rename_all(bool rename_here) const {
+    return run_in_child([&] { rename_in_tree(top.c_str(), "old", "new", rename_here); });
+  }
+
+  const temporary_directory base;
+  const std::string top = base / "top";
+};
+
+struct owned_directory : tree {};
+
+TEST_F(owned_directory, missing_directory_gets_owner_and_mode_whatever_the_umask) {
+  const struct {
+    uid_t uid;
+    gid_t gid;
+    mode_t mode;
+    const char *result;
+  } cases[] = {{0, 0, 0755, "0:0 0755"},
+               {30030, 30031, 0750, "30030:30031 0750"},
+               {30030, 30031, 02777, "30030:30031 2777"},
+               {0, 0, 0, "0:0 0000"}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.result);
+    const std::string path = base / "made";
+    EXPECT_TRUE(quiet(run_in_child([&] {
+      umask(077);
+      return mkdir_owned(path.c_str(), c.uid, c.gid, c.mode);
+    })));
+    EXPECT_EQ(owner_and_mode(path), c.result);
+    EXPECT_TRUE(is_directory(path.c_str()));
+    rmdir(path.c_str());
+  }
+}
+
+TEST_F(owned_directory, existing_directory_is_brought_to_owner_and_mode_and_keeps_its_files) {
+  file("kept", "content");
+  EXPECT_TRUE(quiet(run_in_child([this] { return mkdir_owned(top.c_str(), 30030, 30031, 0710); })));
+  EXPECT_EQ(owner_and_mode(top), "30030:30031 0710");
+  EXPECT_EQ(list(), "kept\n");
+}
+
+TEST_F(owned_directory, directory_above_must_exist) {
+  const std::string path = top + "/missing/made";
+  EXPECT_TRUE(reported(run_in_child([&] { return mkdir_owned(path.c_str(), 0, 0, 0755) == -1 ? 7 : 1; }), 7,
+                       "ERROR: Unable to mkdir " + path +
+                           ": No such file or directory\n"
+                           "\n"
+                           "System error 2: No such file or directory\n"));
+}
+
+TEST_F(owned_directory, owner_that_may_not_be_given_is_reported) {
+  ASSERT_EQ(chmod(top.c_str(), 0777), 0);
+  const std::string path = top + "/made";
+  EXPECT_TRUE(reported(run_in_child([&] {
+                         become_user(30030);
+                         return mkdir_owned(path.c_str(), 0, 0, 0755) == -1 ? 7 : 1;
+                       }),
+                       7,
+                       "ERROR: Unable to chown " + path + ": Operation not permitted\n\n" + NOT_PERMITTED));
+}
+
+TEST_F(owned_directory, mode_that_may_not_be_given_is_reported) {
+  const std::string path = top + "/made";
+  EXPECT_TRUE(reported(run_in_child([&] {
+                         drop_capability(CAP_FOWNER);
+                         return mkdir_owned(path.c_str(), 30030, 30030, 0755) == -1 ? 7 : 1;
+                       }),
+                       7,
+                       "ERROR: Unable to chmod " + path + ": Operation not permitted\n\n" + NOT_PERMITTED));
+}
+
+TEST_F(owned_directory, path_that_vanishes_before_owner_and_mode_are_given_is_no_failure) {
+  // A dangling link is there for mkdir, and missing for chown and chmod.
+  link("dangling", "nowhere");
+  EXPECT_TRUE(
+      quiet(run_in_child([this] { return mkdir_owned((top + "/dangling").c_str(), 30030, 30030, 0755); })));
+  EXPECT_EQ(list(), "dangling -> nowhere\n");
+}
+
+TEST_F(owned_directory, errno_of_earlier_failures_is_cleared) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    errno = EIO;
+    mkdir_owned((top + "/made").c_str(), 0, 0, 0755);
+    return errno;
+  })));
+}
+
+TEST_F(tree, missing_path_is_removed_without_a_word) {
+  for (const char *name : {"missing", "missing/below"})
+    EXPECT_TRUE(quiet(run_in_child([&] { remove_tree((top + "/" + name).c_str(), true); })));
+}
+
+TEST_F(tree, plain_file_is_unlinked_whatever_the_flag) {
+  for (const bool remove_top : {false, true}) {
+    file("plain", "text");
+    file("neighbour");
+    EXPECT_TRUE(quiet(run_in_child([&] { remove_tree((top + "/plain").c_str(), remove_top); })));
+    EXPECT_EQ(list(), "neighbour\n");
+  }
+}
+
+TEST_F(tree, link_is_unlinked_and_never_followed) {
+  directory("target");
+  file("target/kept");
+  for (const char *target : {"target", "target/kept", "nowhere"})
+    for (const bool remove_top : {false, true}) {
+      SCOPED_TRACE(target);
+      link("link", target);
+      EXPECT_TRUE(quiet(run_in_child([&] { remove_tree((top + "/link").c_str(), remove_top); })));
+      EXPECT_EQ(list(), "target/\ntarget/kept\n");
+    }
+}
+
+TEST_F(tree, directory_is_removed_with_all_it_holds) {
+  directory("a/b/c");
+  directory("empty");
+  directory(".hidden");
+  file("file");
+  file("a/.file");
+  file("a/b/c/name with blanks\n");
+  file(".hidden/...");
+  pipe("a/pipe");
+  EXPECT_TRUE(quiet(remove()));
+  EXPECT_FALSE(exists(top));
+}
+
+TEST_F(tree, directory_is_emptied_but_kept_without_the_flag) {
+  ASSERT_EQ(chown(top.c_str(), 30030, 30031), 0);
+  ASSERT_EQ(chmod(top.c_str(), 0751), 0);
+  directory("a/b");
+  file("file");
+  file("a/b/file");
+  EXPECT_TRUE(quiet(remove(false)));
+  EXPECT_EQ(list(), "");
+  EXPECT_EQ(owner_and_mode(top), "30030:30031 0751");
+}
+
+TEST_F(tree, links_in_a_tree_are_unlinked_and_never_followed) {
+  make_directories(base / "outside/below");
+  write_file(base / "outside/below/kept", "kept");
+  directory("a");
+  link("to-directory", base / "outside");
+  link("a/to-file", base / "outside/below/kept");
+  link("a/up", "..");
+  link("a/dangling", "nowhere");
+  EXPECT_TRUE(quiet(remove()));
+  EXPECT_FALSE(exists(top));
+  EXPECT_EQ(read_file(base / "outside/below/kept"), "kept");
+}
+
+TEST_F(tree, sockets_and_devices_in_a_tree_are_unlinked) {
+  const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof address.sun_path, "%s/socket", top.c_str());
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  close(listener);
+  pipe("pipe");
+  EXPECT_TRUE(quiet(remove()));
+  EXPECT_FALSE(exists(top));
+}
+
+TEST_F(tree, files_without_any_permission_are_removed) {
+  directory("a");
+  write_file(top + "/a/file", "", 0);
+  ASSERT_EQ(chmod((top + "/a").c_str(), 0), 0);
+  EXPECT_TRUE(quiet(remove()));
+  EXPECT_FALSE(exists(top));
+}
+
+TEST_F(tree, working_directory_is_where_it_was_after_the_walk) {
+  directory("a/b/c");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    if (chdir(base.path.c_str()) != 0)
+      return 1;
+    rename_in_tree("top", "old", "new", true);
+    remove_tree("top", true);
+    char current[4096];
+    return base.path == getcwd(current, sizeof current) && !exists("top") ? 0 : 2;
+  })));
+}
+
+TEST_F(tree, no_descriptor_is_left_open) {
+  directory("a/b/c");
+  directory("a/d");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    const int before = dup(STDIN_FILENO);
+    rename_in_tree(top.c_str(), "old", "new", true);
+    remove_tree(top.c_str(), true);
+    return dup(STDIN_FILENO) == before + 1 ? 0 : 1;
+  })));
+}
+
+// Makes directories in one another, whose path is too long for any system call, with a file "old" in each.
+void make_deep_tree(const std::string &top, int depth) {
+  if (chdir(top.c_str()) != 0)
+    std::abort();
+  for (int i = 0; i < depth; ++i) {
+    write_file("old", std::to_string(i));
+    if (mkdir("a-directory-of-a-long-name", 0755) != 0 || chdir("a-directory-of-a-long-name") != 0)
+      std::abort();
+  }
+  if (chdir("/") != 0)
+    std::abort();
+}
+
+TEST_F(tree, path_longer_than_any_call_takes_is_no_obstacle) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    make_deep_tree(top, 300);
+    rename_in_tree(top.c_str(), "old", "new", true);
+    if (chdir(top.c_str()) != 0)
+      return 1;
+    for (int i = 0; i < 300; ++i)
+      if (exists("old") || read_file("new") != std::to_string(i) || chdir("a-directory-of-a-long-name") != 0)
+        return 2;
+    if (chdir("/") != 0)
+      return 3;
+    remove_tree(top.c_str(), true);
+    return exists(top) ? 4 : 0;
+  })));
+}
+
+TEST_F(tree, entries_that_take_several_reads_are_all_removed) {
+  for (int i = 0; i < 400; ++i)
+    file("entry-" + std::string(200, 'x') + std::to_string(i));
+  EXPECT_TRUE(quiet(remove()));
+  EXPECT_FALSE(exists(top));
+}
+
+TEST_F(tree, pipe_at_the_top_ends_the_run) {
+  pipe("pipe");
+  EXPECT_TRUE(reported(run_in_child([this] { remove_tree((top + "/pipe").c_str(), true); }), 1,
+                       "Unable to open dir " + top +
+                           "/pipe: Not a directory\n"
+                           "\n"
+                           "System error 20: Not a directory\n"));
+  EXPECT_EQ(list(), "pipe\n");
+}
+
+TEST_F(tree, file_that_may_not_be_unlinked_ends_the_run) {
+  file("plain");
+  EXPECT_TRUE(reported(remove_as_user(top + "/plain"), 1,
+                       "Unable to unlink entry " + top + "/plain: Permission denied\n\n" + DENIED));
+}
+
+TEST_F(tree, entry_that_may_not_be_unlinked_ends_the_run) {
+  file("plain");
+  EXPECT_TRUE(
+      reported(remove_as_user(top), 1,
+               std::string("Unable to unlink directory entry plain: Permission denied\n\n") + DENIED));
+}
+
+TEST_F(tree, entry_that_vanishes_before_it_is_unlinked_is_no_failure) {
+  for (std::string *name : {&vanished_entry, &vanishing_entry}) {
+    make_directories(top);
+    file("plain");
+    file("other");
+    EXPECT_TRUE(quiet(run_in_child([&] {
+      *name = "plain";
+      remove_tree(top.c_str(), true);
+    })));
+    EXPECT_FALSE(exists(top));
+  }
+}
+
+TEST_F(tree, file_that_vanishes_before_it_is_unlinked_is_no_failure) {
+  file("plain");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    vanishing_entry = top + "/plain";
+    remove_tree(vanishing_entry.c_str(), true);
+  })));
+  EXPECT_EQ(list(), "");
+}
+
+TEST_F(tree, directory_that_may_not_be_read_ends_the_run) {
+  ASSERT_EQ(chmod(top.c_str(), 0711), 0);
+  EXPECT_TRUE(
+      reported(remove_as_user(top), 1, "Unable to open dir " + top + ": Permission denied\n\n" + DENIED));
+}
+
+TEST_F(tree, directory_that_may_not_be_entered_ends_the_run) {
+  ASSERT_EQ(chmod(top.c_str(), 0744), 0);
+  EXPECT_TRUE(
+      reported(remove_as_user(top), 1, "Unable to change dir " + top + ": Permission denied\n\n" + DENIED));
+}
+
+TEST_F(tree, directory_that_may_not_be_removed_ends_the_run) {
+  ASSERT_EQ(chown(top.c_str(), 30030, 30030), 0);
+  file("plain");
+  EXPECT_TRUE(
+      reported(remove_as_user(top), 1, "Unable to remove dir " + top + ": Permission denied\n\n" + DENIED));
+  EXPECT_EQ(list(), "");
+}
+
+TEST_F(tree, walk_without_a_descriptor_for_the_way_back_ends_the_run) {
+  directory("a");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         const rlimit three{3, 3};
+                         setrlimit(RLIMIT_NOFILE, &three);
+                         remove_tree(top.c_str(), true);
+                       }),
+                       1,
+                       "Unable to get file descriptor of current dir: Too many open files\n"
+                       "\n"
+                       "System error 24: Too many open files\n"));
+}
+
+TEST_F(tree, entry_that_cannot_be_looked_at_ends_the_run) {
+  file("plain");
+  for (const auto &walk : {&tree::remove, &tree::rename_all}) {
+    unreadable_entry = "plain";
+    const outcome run = (this->*walk)(true);
+    unreadable_entry.clear();
+    EXPECT_TRUE(reported(
+        run, 1, std::string("Unable to check directory entry plain: Input/output error\n\n") + IO_ERROR));
+  }
+}
+
+TEST_F(tree, way_back_that_is_barred_ends_the_run) {
+  for (const auto &walk : {&tree::remove, &tree::rename_all}) {
+    fchdir_fails = true;
+    const outcome run = (this->*walk)(true);
+    fchdir_fails = false;
+    EXPECT_TRUE(reported(
+        run, 1, std::string("Unable to restore & close current dir: Input/output error\n\n") + IO_ERROR));
+  }
+}
+
+TEST_F(tree, directory_that_cannot_be_closed_ends_the_run) {
+  for (const auto &walk : {&tree::remove, &tree::rename_all}) {
+    closedir_fails = true;
+    const outcome run = (this->*walk)(true);
+    closedir_fails = false;
+    EXPECT_TRUE(reported(run, 1, "Unable to close dir " + top + ": Input/output error\n\n" + IO_ERROR));
+  }
+}
+
+struct renaming : tree {};
+
+TEST_F(renaming, name_is_renamed_in_every_directory_with_the_flag) {
+  directory("a/b");
+  directory("c");
+  file("old", "top");
+  file("a/old", "a");
+  file("a/b/old", "b");
+  EXPECT_TRUE(quiet(rename_all(true)));
+  EXPECT_EQ(list(), "a/\n"
+                    "a/b/\n"
+                    "a/b/new\n"
+                    "a/new\n"
+                    "c/\n"
+                    "new\n");
+  EXPECT_EQ(read_file(top + "/new") + read_file(top + "/a/new") + read_file(top + "/a/b/new"), "topab");
+}
+
+TEST_F(renaming, top_directory_is_left_alone_without_the_flag) {
+  directory("a/b");
+  file("old");
+  file("a/old");
+  file("a/b/old");
+  EXPECT_TRUE(quiet(rename_all(false)));
+  EXPECT_EQ(list(), "a/\n"
+                    "a/b/\n"
+                    "a/b/new\n"
+                    "a/new\n"
+                    "old\n");
+}
+
+TEST_F(renaming, only_exactly_this_name_is_renamed) {
+  for (const char *name : {"olda", "Old", ".old", "ol", "old ", "xold", "old.new"})
+    file(name);
+  const std::string before = list();
+  EXPECT_TRUE(quiet(rename_all(true)));
+  EXPECT_EQ(list(), before);
+}
+
+TEST_F(renaming, only_regular_files_are_renamed) {
+  directory("a");
+  directory("b/old");
+  link("a/old", "nowhere");
+  file("b/old/old");
+  directory("c");
+  pipe("c/old");
+  EXPECT_TRUE(quiet(rename_all(true)));
+  EXPECT_EQ(list(), "a/\n"
+                    "a/old -> nowhere\n"
+                    "b/\n"
+                    "b/old/\n"
+                    "b/old/new\n"
+                    "c/\n"
+                    "c/old\n");
+}
+
+TEST_F(renaming, links_to_directories_are_not_followed) {
+  make_directories(base / "outside");
+  write_file(base / "outside/old", "");
+  link("to-outside", base / "outside");
+  EXPECT_TRUE(quiet(rename_all(true)));
+  EXPECT_EQ(entries(base / "outside"), std::vector<std::string>{"old"});
+}
+
+TEST_F(renaming, file_of_the_new_name_is_replaced) {
+  file("old", "from old");
+  file("new", "from new");
+  EXPECT_TRUE(quiet(rename_all(true)));
+  EXPECT_EQ(list(), "new\n");
+  EXPECT_EQ(read_file(top + "/new"), "from old");
+}
+
+TEST_F(renaming, symbolic_link_at_the_top_is_left_alone_silently) {
+  file("old");
+  ASSERT_EQ(symlink(top.c_str(), (base / "link").c_str()), 0);
+  EXPECT_TRUE(quiet(run_in_child([this] { rename_in_tree((base / "link").c_str(), "old", "new", true); })));
+  EXPECT_EQ(list(), "old\n");
+}
+
+TEST_F(renaming, regular_file_at_the_top_is_reported_and_the_run_goes_on) {
+  file("old");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         rename_in_tree((top + "/old").c_str(), "old", "new", true);
+                         return 7;
+                       }),
+                       7, "It's a regulat entry(not directory): " + top + "/old\n"));
+  EXPECT_EQ(list(), "old\n");
+}
+
+TEST_F(renaming, missing_directory_ends_the_run) {
+  EXPECT_TRUE(
+      reported(run_in_child([this] { rename_in_tree((top + "/missing").c_str(), "old", "new", true); }), 1,
+               "Unable to get entry " + top +
+                   "/missing: No such file or directory\n"
+                   "\n"
+                   "System error 2: No such file or directory\n"));
+}
+
+TEST_F(renaming, pipe_at_the_top_ends_the_run) {
+  pipe("pipe");
+  EXPECT_TRUE(reported(run_in_child([this] { rename_in_tree((top + "/pipe").c_str(), "old", "new", true); }),
+                       1,
+                       "Unable to open dir " + top +
+                           "/pipe: Not a directory\n"
+                           "\n"
+                           "System error 20: Not a directory\n"));
+}
+
+TEST_F(renaming, new_name_taken_by_a_directory_ends_the_run) {
+  file("old");
+  directory("new");
+  EXPECT_TRUE(reported(rename_all(true), 1,
+                       "Unable to rename directory entry old to new: Is a directory\n"
+                       "\n"
+                       "System error 21: Is a directory\n"));
+  EXPECT_EQ(list(), "new/\nold\n");
+}
+
+TEST_F(renaming, entry_that_vanishes_ends_the_run) {
+  file("plain");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         vanished_entry = "plain";
+                         rename_in_tree(top.c_str(), "old", "new", true);
+                       }),
+                       1,
+                       "Unable to check directory entry plain: No such file or directory\n"
+                       "\n"
+                       "System error 2: No such file or directory\n"));
+}
+
+TEST_F(renaming, walk_that_cannot_begin_ends_the_run) {
+  const auto rename_as_user = [this] {
+    return run_in_child([this] {
+      become_user(30030);
+      rename_in_tree(top.c_str(), "old", "new", true);
+    });
+  };
+  ASSERT_EQ(chmod(top.c_str(), 0711), 0);
+  EXPECT_TRUE(
+      reported(rename_as_user(), 1, "Unable to open dir " + top + ": Permission denied\n\n" + DENIED));
+  ASSERT_EQ(chmod(top.c_str(), 0744), 0);
+  EXPECT_TRUE(
+      reported(rename_as_user(), 1, "Unable to change dir " + top + ": Permission denied\n\n" + DENIED));
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         const rlimit three{3, 3};
+                         setrlimit(RLIMIT_NOFILE, &three);
+                         rename_in_tree(top.c_str(), "old", "new", true);
+                       }),
+                       1,
+                       "Unable to get file descriptor of current dir: Too many open files\n"
+                       "\n"
+                       "System error 24: Too many open files\n"));
+}
+
+TEST_F(tree, paths_are_told_apart) {
+  file("file");
+  link("to-directory", ".");
+  link("to-file", "file");
+  link("dangling", "nowhere");
+  const struct {
+    const char *name;
+    bool exists;
+    bool directory;
+  } cases[] = {{"", true, true},
+               {"file", true, false},
+               {"to-directory", true, true},
+               {"to-file", true, false},
+               {"dangling", false, false},
+               {"missing", false, false},
+               {"file/below", false, false}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = top + "/" + c.name;
+    EXPECT_EQ(path_exists(path.c_str()), c.exists);
+    EXPECT_EQ(is_directory(path.c_str()), c.directory);
+  }
+}
+
+} // namespace
+
+// The functions of the system that the tests above let fail.
+extern "C" int lstat(const char *path, struct stat *status) noexcept {
+  if (unreadable_entry == path) {
+    errno = EIO;
+    return -1;
+  }
+  if (vanished_entry == path)
+    unlink(path);
+  const int result = fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
+  if (vanishing_entry == path)
+    unlink(path);
+  return result;
+}
+
+extern "C" int fchdir(int fd) noexcept {
+  if (fchdir_fails) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fchdir, fd));
+}
+
+extern "C" int closedir(DIR *directory) {
+  if (closedir_fails) {
+    errno = EIO;
+    return -1;
+  }
+  static const auto system_closedir = reinterpret_cast<int (*)(DIR *)>(dlsym(RTLD_NEXT, "closedir"));
+  return system_closedir(directory);
+}
