@@ -120,9 +120,16 @@ class Running:
             out, err = self.process.communicate(timeout=timeout)
         except subprocess.TimeoutExpired:
             self.process.kill()
-            out, err = self.process.communicate()
+            out, err = self._outputs_so_far()
             raise AssertionError(f"{self.process.args} did not end; out: {out!r}, err: {err!r}") from None
         return Result(self.process.returncode, out, err)
+
+    def _outputs_so_far(self):
+        """Without waiting for a descendant that keeps them open."""
+        try:
+            return self.process.communicate(timeout=1)
+        except subprocess.TimeoutExpired as ended:
+            return ended.stdout, ended.stderr
 
 
 class Id(int):
