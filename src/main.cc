@@ -48,7 +48,7 @@ int main(int argc, char **argv) {
   }
 
   open_sem();
-  const unique_connection connection = db_connect_or_report();
+  unique_connection connection = db_connect_or_report();
   MYSQL *db = connection.get();
   if (db == nullptr)
     end_run("Unable to connect to the mysql database\n");
@@ -74,6 +74,7 @@ int main(int argc, char **argv) {
     wait_restart_interval(db);
   if (!mode.without_restart)
     restart_web_server(full, db);
+  connection.reset();
   shutdown_sem();
   return 0;
 }
