@@ -4,6 +4,8 @@
 #include "db/query.h"
 #include "fs/text.h"
 
+#include <vector>
+
 int get_service_status(const char *dom_id, const char *type, MYSQL *db) {
   assert_quotable(dom_id, "service.c", __LINE__, __func__);
   assert_quotable(type, "service.c", __LINE__, __func__);
@@ -16,7 +18,8 @@ int get_service_status(const char *dom_id, const char *type, MYSQL *db) {
   const unique_result result = db_select(connection.handle, query.c_str());
   if (!result) {
     report_failure(0, 0, "Unable to define %s status: %s", type, mysql_error(connection.handle));
-    static_cast<void>(connection.own.release()); // stays open until the process ends
+    static std::vector<unique_connection> left_open; // until the process ends
+    left_open.push_back(std::move(connection.own));
     return -1;
   }
   MYSQL_ROW row = mysql_fetch_row(result.get());
