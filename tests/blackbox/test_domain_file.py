@@ -600,6 +600,15 @@ def test_stale_work_file_that_is_a_link_is_removed_without_following_it(panel):
     assert conf_entries("example.test") == ["httpd.include"]
 
 
+def test_stale_work_file_that_is_a_dangling_link_makes_no_file_where_it_points(panel):
+    domain = panel.domain("example.test")
+    elsewhere = domain.directory / "elsewhere"
+    (domain.directory / "conf/httpd.include.new").symlink_to(elsewhere)
+    assert domain_text(panel, "example.test") == expected("nothing-is-switched-on")
+    assert not elsewhere.exists()
+    assert conf_entries("example.test") == ["httpd.include"]
+
+
 def test_second_run_writes_the_same_bytes(panel):
     panel.domain("example.test", ssl="true", cgi="true", miva="true", webstat="awstats")
     assert domain_text(panel, "example.test") == domain_text(panel, "example.test")
