@@ -2,9 +2,10 @@
 --
 -- Conventions
 --   * Flags are text: a flag is on when its value begins with "true"; null is off.
---   * Switches named "status" are numbers kept as text: '0' is active, everything else is some kind of off.
+--   * What is named "status" is 0 when active, as a number or kept as text, and any other number when off in some
+--     way; only that of anon_ftp is a flag.
 --   * Nothing here is bound by foreign keys: the panel's tools work with the checks off and rows come and go in any
---     order. Every column that a WHERE or a join goes through has an index instead; hosts have tens of thousands of
+--     order. Every id and name that a WHERE or a join goes through has an index instead; hosts have tens of thousands of
 --     domains.
 --   * Text is UTF-8 and compared without case, so that a domain is found under any spelling.
 --   * No table names a storage engine: the server's default will do.

@@ -10,7 +10,7 @@
 #include "env/config.h"
 #include "env/webserver.h"
 #include "frontpage/frontpage.h"
-#include "proc/standard_streams.h"
+#include "proc/inheritance.h"
 #include "service/control.h"
 #include "service/restart.h"
 #include "service/sem.h"
@@ -27,7 +27,7 @@ static void out_of_memory() {
 
 int main(int argc, char **argv) {
   std::set_new_handler(out_of_memory);
-  open_standard_streams();
+  mend_inheritance();
   PROGNAME = argv[0];
   command_line &line = parse_command_line(argc, argv);
   mode_flags &mode = line.mode;

@@ -2,11 +2,13 @@
 
 #include "db/query.h"
 #include "fs/handles.h"
+#include "fs/text.h"
 
 #undef NDEBUG // assert_quotable holds in every build
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 
 int db_mysql41_compatible = 0;
 
@@ -41,7 +43,7 @@ int query_server_age(MYSQL *db, bool &old_server, char *message, std::size_t mes
 
 bool says_utf8(MYSQL_RES *result) {
   MYSQL_ROW row = result != nullptr ? mysql_fetch_row(result) : nullptr;
-  return row != nullptr && row[0] != nullptr && row[0][0] != '\0' && std::strcmp(row[0], "false") != 0;
+  return row != nullptr && !is_empty(row[0]) && std::strcmp(row[0], "false") != 0;
 }
 
 // Connects `db` with the administrator's password, which is gone from memory afterwards.
@@ -49,6 +51,10 @@ bool real_connect(MYSQL *db, char (&password)[PASSWORD_SIZE]) {
   const bool connected =
       mysql_real_connect(db, "localhost", "admin", password, "kiv", 0, nullptr, 0) != nullptr;
   explicit_bzero(password, sizeof password);
+  if (connected) {
+    const errno_guard keep;
+    fcntl(db->net.fd, F_SETFD, FD_CLOEXEC); // the administrator's session is not for our children
+  }
   return connected;
 }
 

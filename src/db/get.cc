@@ -24,7 +24,7 @@ const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db) {
     return nullptr;
   }
   MYSQL_ROW row = mysql_fetch_row(result.get());
-  return copy_text(value, row != nullptr && row[0] != nullptr ? row[0] : "");
+  return copy_text(value, row != nullptr ? text_or_empty(row[0]) : "");
 }
 
 const char *get_dom_id(const char *name, MYSQL *db) {

@@ -19,7 +19,7 @@ const char *get_param_by_query(const char *query, MYSQL *db, unsigned column) {
   }
   const unique_result result(mysql_store_result(connection.handle));
   MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
-  return copy_text(value, row != nullptr && row[column] != nullptr ? row[column] : "");
+  return copy_text(value, row != nullptr ? text_or_empty(row[column]) : "");
 }
 
 const char *get_param_simple(const char *value, const char *table, const char *key_column,
@@ -27,6 +27,10 @@ const char *get_param_simple(const char *value, const char *table, const char *k
   assert_quotable(value, "get_param.c", 57, "get_param_simple"); // the panel's support knows it by this place
   const bounded_text query("select %s from %s where %s='%s'", value_column, table, key_column, value);
   return get_param_by_query(query.c_str(), db, 0);
+}
+
+bool is_usable_setting(const char *value) {
+  return value != nullptr && std::strlen(value) > 1;
 }
 
 const char *get_misc_param(const char *param, MYSQL *db) {
@@ -45,13 +49,13 @@ const char *get_cf_instance_path(MYSQL *db) {
     end_run("Unable to connect to the mysql database\n");
 
   const char *value = get_misc_param("cf_instance_type", connection.handle);
-  if (value == nullptr || std::strlen(value) < 2)
+  if (!is_usable_setting(value))
     return nullptr;
   char type[TEXT_SIZE];
   copy_text(type, value);
 
   value = get_misc_param("cf_instance_path", connection.handle);
-  if (value == nullptr || std::strlen(value) < 2)
+  if (!is_usable_setting(value))
     return nullptr;
   const bool stand_alone = std::strcmp(type, "server") == 0;
   return copy_text(path, bounded_text("%s%s", value, stand_alone ? "/runtime" : "").c_str());

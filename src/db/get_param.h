@@ -14,6 +14,9 @@ const char *get_param_simple(const char *value, const char *table, const char *k
 // Value of the global setting `param`, "" when it is absent or null.
 const char *get_misc_param(const char *param, MYSQL *db);
 
+// Whether a name or path among the settings is worth using: the panel stores "" or a single character for none.
+bool is_usable_setting(const char *value);
+
 // Hosting type of the domain with this id (decimal text).
 const char *get_domain_htype(const char *dom_id, MYSQL *db);
 

@@ -20,13 +20,16 @@ struct free_idn {
 };
 using unique_idn = std::unique_ptr<char, free_idn>;
 
-// libidn's conversion: its result code, the name in `ascii` when that is 0. Out of memory ends the run.
+// libidn's conversion: its result code, the name in `ascii` when that is 0; another is kept in idn_last_error. Out of
+// memory ends the run.
 int convert(const char *name, unique_idn &ascii) {
   char *converted = nullptr;
   const int code = idna_to_ascii_8z(name, &converted, 0);
   ascii.reset(converted);
   if (code == OUT_OF_MEMORY)
     end_run("Allocation failed");
+  if (code != 0)
+    idn_last_error = code;
   return code;
 }
 
@@ -96,20 +99,16 @@ const char *idn_error_text(int code) {
 unique_text idn_toascii(const char *name) {
   unique_idn ascii;
   const int code = convert(name, ascii);
-  if (code != 0) {
-    idn_last_error = code;
+  if (code != 0)
     return nullptr;
-  }
   return copy_of(ascii);
 }
 
 unique_text idn_toascii_safe(const char *name) {
   unique_idn ascii;
   const int code = convert(name, ascii);
-  if (code != 0) {
-    idn_last_error = code;
+  if (code != 0)
     end_run("%s(%s) failed: %s", "idn_toascii_safe", name, idn_error_text(code));
-  }
   return copy_of(ascii);
 }
 
@@ -135,7 +134,6 @@ const char *idn_url_toascii(const char *url) {
   unique_idn ascii_host;
   const int code = convert(buffer, ascii_host);
   if (code != 0) {
-    idn_last_error = code;
     report_failure(0, 0, "idn_toascii() failed: %s", idn_error_text(code));
     return nullptr;
   }

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -58,7 +60,7 @@ void frontpage(const command_line &line, MYSQL *db) {
 // word count too, a longer type does not.
 bool is_physical_hosting(const char *type) {
   constexpr char PHYSICAL[] = "vrt_hst";
-  return memcmp(type, PHYSICAL, std::min(strlen(type), sizeof PHYSICAL)) == 0;
+  return std::memcmp(type, PHYSICAL, std::min(std::strlen(type), sizeof PHYSICAL)) == 0;
 }
 
 void file_by_hosting_type(const command_line &line, MYSQL *db) {

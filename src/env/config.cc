@@ -1,6 +1,7 @@
 #include "env/config.h"
 
 #include "fs/handles.h"
+#include "fs/text.h"
 
 #include <array>
 #include <cctype>
@@ -161,10 +162,11 @@ void load_product_config() {
 
   for (const config_key &key : CONFIG_KEYS) {
     const char *value = conf_lookup(key.name);
-    if (value == nullptr || value[0] == '\0')
+    if (is_empty(value))
       end_run("Error: %s not defined\n", key.name);
     *key.value = value;
   }
-  static unique_text certificates_d = xasprintf("%s/var/certificates", PRODUCT_ROOT_D);
-  CERTIFICATES_D = certificates_d.get();
+  char *certificates_d = nullptr;
+  if (asprintf(&certificates_d, "%s/var/certificates", PRODUCT_ROOT_D) >= 0)
+    CERTIFICATES_D = certificates_d;
 }

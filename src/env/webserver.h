@@ -17,5 +17,5 @@ const char *apache_conf_file();
 
 // The second word of that file's last ServerRoot line, quotes and trailing newline included, in a static buffer of
 // 4096 bytes that the next call overwrites. "" when there is no such line, or after a report when the lookup cannot
-// be started.
+// be started. Changes into HTTPD_CONF_D; ends the run when that or the file is missing.
 const char *apache_server_root();

@@ -13,7 +13,7 @@ int mk_fake_cnf(const char *path, const char *domain, const char *system_user, c
                 bool same_ssl) {
   unique_file file(fopen(path, "we"));
   if (!file) {
-    report_failure(0, 0, "Unable to open file %s for writing: %s", path, strerror(errno));
+    report_failure(0, 0, "Unable to open file %s for writing: %s", path, std::strerror(errno));
     return 1;
   }
   FILE *out = file.get();
@@ -25,7 +25,7 @@ int mk_fake_cnf(const char *path, const char *domain, const char *system_user, c
   print_fake_vhost(out, domain, system_user, port, "", same_ssl);
   print_fake_vhost(out, domain, system_user, port, "www.", same_ssl);
   if (close_file(std::move(file)) != 0) {
-    report_failure(0, 0, "Unable to close file %s: %s", path, strerror(errno));
+    report_failure(0, 0, "Unable to close file %s: %s", path, std::strerror(errno));
     return 1;
   }
   return 0;
@@ -36,7 +36,7 @@ int print_fake_vhost(FILE *out, const char *domain, const char *system_user, con
   const char *name = get_exist_case_dom_name(domain);
   if (name == nullptr)
     end_run("Error: not existing domain '%s'\n", domain);
-  const char *docs = strcmp(port, "443") == 0 && !same_ssl ? "httpsdocs" : "httpdocs";
+  const char *docs = std::strcmp(port, "443") == 0 && !same_ssl ? "httpsdocs" : "httpdocs";
 
   fprintf(out, "<VirtualHost   127.0.0.1:%s>\n", port);
   fprintf(out, "\tServerName\t%s%s\n", prefix, name);

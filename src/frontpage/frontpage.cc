@@ -29,7 +29,7 @@ constexpr const char *FRONTPAGE_ENTRIES[] = {
 };
 
 // One site on one port, and the files that belong to it.
-struct site {
+struct fp_site {
   bounded_text name; // as the database has it, in lower case
   bool same_ssl;
   bounded_text fake_cnf;  // the stand-alone server configuration
@@ -51,13 +51,13 @@ bool is_same_ssl(const char *domain, MYSQL *db) {
   return row != nullptr && is_flag_set(row[0]);
 }
 
-site describe_site(const frontpage_request &request, MYSQL *db) {
+fp_site describe_site(const frontpage_request &request, MYSQL *db) {
   const char *existing = get_exist_case_dom_name(request.domain);
   if (existing == nullptr)
     end_run("Error: not existing domain '%s'\n", request.domain);
   const bounded_text name("%s", existing);
   const bool same_ssl = is_same_ssl(request.domain, db);
-  const bool plain_docs = same_ssl || strcmp(request.port, "80") == 0;
+  const bool plain_docs = same_ssl || std::strcmp(request.port, "80") == 0;
   return {
       .name = name,
       .same_ssl = same_ssl,
@@ -80,7 +80,7 @@ void require_administration_program() {
 
 void make_fake_cnf_directory() {
   if (mkdir(FAKE_CNF_D, 0755) != 0 && errno != EEXIST)
-    end_run("Unable to mkdir %s: %s\n", FAKE_CNF_D, strerror(errno));
+    end_run("Unable to mkdir %s: %s\n", FAKE_CNF_D, std::strerror(errno));
 }
 
 void release(unique_lock lock) {
@@ -89,7 +89,7 @@ void release(unique_lock lock) {
 }
 
 // Takes the site's lock and writes its stand-alone server configuration.
-unique_lock prepare(const site &site, const frontpage_request &request) {
+unique_lock prepare(const fp_site &site, const frontpage_request &request) {
   const char *fake_cnf = site.fake_cnf.c_str();
   require_administration_program();
   make_fake_cnf_directory();
@@ -122,12 +122,13 @@ int run(const bounded_text &command) {
 
 // Whether the path lies below the directory when all links are resolved.
 bool is_below(const char *path, const char *directory) {
+  const errno_guard keep;
   const unique_text real_path(realpath(path, nullptr));
   const unique_text real_directory(realpath(directory, nullptr));
   if (!real_path || !real_directory)
     return false;
-  const std::size_t length = strlen(real_directory.get());
-  return strncmp(real_path.get(), real_directory.get(), length) == 0 && real_path.get()[length] == '/';
+  const std::size_t length = std::strlen(real_directory.get());
+  return std::strncmp(real_path.get(), real_directory.get(), length) == 0 && real_path.get()[length] == '/';
 }
 
 // Keeps the extensions from attaching the sub-web `name` ("/sub") of an earlier installation again. The site's owner
@@ -138,7 +139,7 @@ void hide_sub_web(const char *docs_root, const char *name) {
   if (!path_exists(services.c_str()) || !is_below(web.c_str(), docs_root))
     return;
   bounded_text hidden = services;
-  memcpy(hidden.text + hidden.length() - 3, "org", 3);
+  std::memcpy(hidden.text + hidden.length() - 3, "org", 3);
   rename(services.c_str(), hidden.c_str());
 }
 
@@ -152,8 +153,8 @@ void hide_sub_webs(const char *docs_root) {
     return;
   char line[TEXT_SIZE];
   while (fgets(line, sizeof line, file.get()) != nullptr) {
-    line[strcspn(line, "\n")] = '\0';
-    if (strlen(line) >= 2)
+    line[std::strcspn(line, "\n")] = '\0';
+    if (std::strlen(line) >= 2)
       hide_sub_web(docs_root, line);
   }
 }
@@ -163,7 +164,13 @@ void clear_frontpage_entries(const char *docs_root) {
     remove_tree(bounded_text("%s/%s", docs_root, entry).c_str(), false);
 }
 
-int install(const site &site, const frontpage_request &request) {
+// The site is administered as www.<name>, too. The alias of an earlier installation will do.
+void make_www_alias(const fp_site &site) {
+  const int made = symlink(site.cnf.c_str(), site.www_cnf.c_str());
+  static_cast<void>(made);
+}
+
+int install_extensions(const fp_site &site, const frontpage_request &request) {
   const char *docs_root = site.docs_root.c_str();
   rename_in_tree(docs_root, ".htaccess", ".htaccess.sav", true);
   hide_sub_webs(docs_root);
@@ -174,9 +181,7 @@ int install(const site &site, const frontpage_request &request) {
                        "install", Apache2 ? "apache-2.0" : "apache-fp", site.name.c_str(), request.port,
                        request.admin_name, request.password, site.fake_cnf.c_str(), request.system_user));
 
-  if (symlink(site.cnf.c_str(), site.www_cnf.c_str()) != 0) {
-    // The alias of an earlier installation will do.
-  }
+  make_www_alias(site);
   const bounded_text mailer("SendmailCommand: %s/bin/sendmail", MAILER_D);
   const char *const lines[] = {mailer.c_str(), nullptr};
   if (file_str(site.cnf.c_str(), lines, EDIT_ADD, ADD_APPEND) != 0)
@@ -184,16 +189,17 @@ int install(const site &site, const frontpage_request &request) {
   // The document root keeps the .htaccess that the installation wrote.
   rename_in_tree(docs_root, ".htaccess.sav", ".htaccess", false);
   if (chmod(docs_root, 0751) != 0)
-    end_run("fp_shim: unable to chmod %s for server %s: %s\n", docs_root, request.domain, strerror(errno));
+    end_run("fp_shim: unable to chmod %s for server %s: %s\n", docs_root, request.domain,
+            std::strerror(errno));
   return result;
 }
 
 void unlink_or_report(const char *path) {
   if (unlink(path) != 0)
-    report_failure(0, 0, "Unable unlink %s: %s", path, strerror(errno));
+    report_failure(0, 0, "Unable unlink %s: %s", path, std::strerror(errno));
 }
 
-int remove(const site &site, const frontpage_request &request) {
+int remove_extensions(const fp_site &site, const frontpage_request &request) {
   const char *docs_root = site.docs_root.c_str();
   const int result = run(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, "fulluninstall",
                                       site.name.c_str(), request.port, site.fake_cnf.c_str()));
@@ -201,18 +207,18 @@ int remove(const site &site, const frontpage_request &request) {
   unlink_or_report(site.www_cnf.c_str());
   if (chmod(docs_root, 0750) != 0)
     report_failure(0, 0, "fp_shim: unable to chmod %s for server %s: %s\n", docs_root, request.domain,
-                   strerror(errno));
+                   std::strerror(errno));
   static_cast<void>(rename(bounded_text("%s/.htaccess", docs_root).c_str(),
                            bounded_text("%s/.htaccess.saved_on_fp_delete", docs_root).c_str()));
   return result;
 }
 
-int switch_extensions(const site &site, const frontpage_request &request, const char *action) {
+int switch_extensions(const fp_site &site, const frontpage_request &request, const char *action) {
   return run(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, action, site.name.c_str(),
                           request.port, site.fake_cnf.c_str()));
 }
 
-int rename_admin(const site &site, const frontpage_request &request) {
+int rename_admin(const fp_site &site, const frontpage_request &request) {
   const char *name = site.name.c_str();
   const char *fake_cnf = site.fake_cnf.c_str();
   run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s'", OWSADM, "users", "add",
@@ -221,13 +227,13 @@ int rename_admin(const site &site, const frontpage_request &request) {
   const int result = run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -n '%s' -w '%s' -s '%s'",
                                       OWSADM, "userroles", "add", name, request.port, request.new_name,
                                       "admin", address.c_str(), fake_cnf));
-  if (result == 0 && request.old_name != nullptr && request.old_name[0] != '\0')
+  if (result == 0 && !is_empty(request.old_name))
     run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -s '%s'", OWSADM, "users", "del", name,
                      request.port, request.old_name, fake_cnf));
   return result;
 }
 
-int change_password(const site &site, const frontpage_request &request) {
+int change_password(const fp_site &site, const frontpage_request &request) {
   return run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s'", OWSADM, "users",
                           "changepassword", site.name.c_str(), request.port, request.admin_name,
                           request.password, site.fake_cnf.c_str()));
@@ -240,7 +246,7 @@ const char *frontpage_password() {
   static bool taken = false;
   if (!taken) {
     const char *variable = std::getenv("KIV_PASSWORD");
-    copy_text(password, variable != nullptr ? variable : "");
+    copy_text(password, text_or_empty(variable));
     unsetenv("KIV_PASSWORD");
     taken = true;
   }
@@ -248,15 +254,15 @@ const char *frontpage_password() {
 }
 
 int manage_frontpage(const frontpage_request &request, MYSQL *db) {
-  const site site = describe_site(request, db);
+  const fp_site site = describe_site(request, db);
   unique_lock lock = prepare(site, request);
   int result = 0;
   switch (request.operation) {
   case FP_INSTALL:
-    result = install(site, request);
+    result = install_extensions(site, request);
     break;
   case FP_REMOVE:
-    result = remove(site, request);
+    result = remove_extensions(site, request);
     break;
   case FP_ENABLE:
     result = switch_extensions(site, request, "enable");

@@ -30,6 +30,7 @@ struct frontpage_request {
 // environment, so that no child sees it. Static buffer.
 const char *frontpage_password();
 
-// Runs the operation under the lock of the site and port. Returns the exit status of the administration program, 0
-// when it was not run. Everything that goes wrong before it runs ends the run.
+// Runs the operation under the lock of the site and port. Returns the exit status of the administration program (128
+// and the signal when it was killed, -1 when no shell could be had), which is not reported. What goes wrong before it
+// runs ends the run, and so does an installation that cannot be finished; a removal reports and goes on.
 int manage_frontpage(const frontpage_request &request, MYSQL *db);

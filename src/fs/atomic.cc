@@ -30,9 +30,12 @@ staged_file open_staged_file(const bounded_text &target) {
   struct stat status;
   if (lstat(file.work.c_str(), &status) == 0) // a dangling link, too, would lead us elsewhere
     unlink(file.work.c_str());
-  file.out.reset(std::fopen(file.work.c_str(), "we"));
+  unique_fd fd(open(file.work.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (fd.fd >= 0)
+    file.out.reset(fdopen(fd.fd, "w"));
   if (!file.out)
     end_run("Unable to open file %s for writing: %s\n", file.work.c_str(), std::strerror(errno));
+  static_cast<void>(fd.release()); // the stream's now
   return file;
 }
 

@@ -1,4 +1,4 @@
-// Replacing a live configuration file: the only create, write, chown, chmod and rename of the program.
+// Replacing a live configuration file; nothing else in the program writes to one.
 //
 // A generator writes a file in full beside the live one ("<target>.new", the work file), closes it, and has it
 // copied over the live one through a temporary file of a unique name in the same directory. Where the program may

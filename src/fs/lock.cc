@@ -62,14 +62,20 @@ void hold_until_exit(unique_lock lock) {
 
 } // namespace
 
+void free_lock::operator()(file_lock *lock) const noexcept {
+  lock->~file_lock();
+  std::free(lock);
+}
+
 file_lock::~file_lock() {
   unique_fd(fd > 0 ? fd : -1).reset();
 }
 
 unique_lock lock_file(const char *path) {
-  unique_lock lock(new (std::nothrow) file_lock);
-  if (!lock)
+  void *memory = std::malloc(sizeof(file_lock));
+  if (memory == nullptr)
     return nullptr;
+  unique_lock lock(new (memory) file_lock);
   char digest[33];
   lock->path = xasprintf("%s/%s", LOCK_DIRECTORY, md5_hex("", path, digest));
   lock->fd = open(lock->path.get(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

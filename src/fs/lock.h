@@ -16,7 +16,11 @@ struct file_lock {
   int fd = 0; // > 0: held; 0: refused because it is busy; < 0: the lock file could not be opened or locked
   unique_text path;
 };
-using unique_lock = std::unique_ptr<file_lock>;
+
+struct free_lock {
+  void operator()(file_lock *lock) const noexcept;
+};
+using unique_lock = std::unique_ptr<file_lock, free_lock>;
 
 // Locks `path`, waiting as long as necessary. Returns a handle for unlock_file whether or not the lock was got (see
 // lock_is_held; a lock file that cannot be opened has been reported), or null when out of memory.

@@ -18,7 +18,7 @@ const char *strn_replace(const char *source, char *destination, const char *sear
                          std::size_t size) {
   if (destination == nullptr)
     return nullptr;
-  if (search == nullptr || search[0] == '\0')
+  if (is_empty(search))
     return std::strncpy(destination, source, size);
 
   const unique_text scratch(static_cast<char *>(std::calloc(size + 1, 1)));

@@ -17,6 +17,16 @@ struct bounded_text {
   char text[TEXT_SIZE];
 };
 
+// Whether there is no text: null, as a database column may be, or empty.
+inline bool is_empty(const char *text) {
+  return text == nullptr || text[0] == '\0';
+}
+
+// The text, or "" for null.
+inline const char *text_or_empty(const char *text) {
+  return text != nullptr ? text : "";
+}
+
 // Copies `source` into `destination`, cut to fit and always terminated. Returns the destination.
 template <std::size_t SIZE> char *copy_text(char (&destination)[SIZE], const char *source) {
   const std::size_t length = strnlen(source, SIZE - 1);

@@ -20,10 +20,13 @@ directory_walk enter_directory(const char *path) {
   walk.saved.reset(open(".", O_RDONLY | O_CLOEXEC));
   if (walk.saved.fd < 0)
     end_run("Unable to get file descriptor of current dir: %s\n", std::strerror(errno));
-  walk.directory.reset(opendir(path));
+  // One descriptor for reading and for entering: whoever owns the tree cannot put a link in between.
+  unique_fd fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.fd >= 0)
+    walk.directory.reset(fdopendir(fd.fd));
   if (!walk.directory)
     end_run("Unable to open dir %s: %s\n", path, std::strerror(errno));
-  if (chdir(path) != 0)
+  if (fchdir(fd.release()) != 0)
     end_run("Unable to change dir %s: %s\n", path, std::strerror(errno));
   return walk;
 }
@@ -105,7 +108,7 @@ int mkdir_owned(const char *path, uid_t uid, gid_t gid, mode_t mode) {
 void remove_tree(const char *path, bool remove_top) {
   struct stat status;
   if (lstat(path, &status) != 0) {
-    if (errno == ENOENT)
+    if (errno == ENOENT || errno == ENOTDIR)
       return;
     end_run("Unable to check directory entry %s: %s\n", path, std::strerror(errno));
   }

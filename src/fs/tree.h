@@ -1,5 +1,6 @@
 // Directories and directory trees. The walks change into each directory and come back through a saved descriptor, so
-// no path name grows with the depth; a failure to come back ends the run. Symbolic links are never followed.
+// no path name grows with the depth, only the number of open descriptors, by two a level; a failure to come back ends
+// the run. Symbolic links are never followed.
 #pragma once
 
 #include <sys/types.h>

@@ -18,7 +18,7 @@ constexpr char CONNECTOR_PROFILE[] = "kiv";
 void create_workers_file(const char *path, const char *port) {
   unique_file out(fopen(path, "we"));
   if (!out)
-    end_run("Unable to open file %s for writing: %s\n", path, strerror(errno));
+    end_run("Unable to open file %s for writing: %s\n", path, std::strerror(errno));
   fprintf(out.get(), "worker.list=%s\n", WORKER);
   fprintf(out.get(), "worker.%s.port=%s\n", WORKER, port);
   fprintf(out.get(), "worker.%s.host=localhost\n", WORKER);
@@ -29,14 +29,14 @@ void create_workers_file(const char *path, const char *port) {
     const errno_guard keep;
     unlink(path); // a torn file would never be written again
   }
-  end_run("Unable to close file %s: %s\n", path, strerror(errno));
+  end_run("Unable to close file %s: %s\n", path, std::strerror(errno));
 }
 
 } // namespace
 
 void print_jk_connector(FILE *out, MYSQL *db) {
   const char *setting = get_misc_param("warp_connector_port", db);
-  const bounded_text port("%s", setting != nullptr && setting[0] != '\0' ? setting : DEFAULT_WARP_PORT);
+  const bounded_text port("%s", !is_empty(setting) ? setting : DEFAULT_WARP_PORT);
   const bounded_text workers_file("%s/%s", HTTPD_CONF_D, "workers.properties");
   if (!path_exists(workers_file.c_str()))
     create_workers_file(workers_file.c_str(), port.c_str());

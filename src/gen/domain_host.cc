@@ -129,7 +129,7 @@ const char *without_leading_slash(const char *path) {
 const char *behind_quarry_stat(const char *path) {
   constexpr char NAME[] = "quarry-stat";
   constexpr std::size_t LENGTH = sizeof NAME - 1;
-  if (strncmp(path, NAME, LENGTH) != 0 || (path[LENGTH] != '/' && path[LENGTH] != '\0'))
+  if (std::strncmp(path, NAME, LENGTH) != 0 || (path[LENGTH] != '/' && path[LENGTH] != '\0'))
     return nullptr;
   return path + LENGTH;
 }
@@ -183,7 +183,7 @@ void print_domain_host(FILE *out, const domain_record &domain, const host_kind &
   print_server_name(out, domain.name, kind.port);
   print_aliases(out, domain, db);
   print_system_user(out, domain.login, domain.cgi || domain.miva, kind.suexec_indent);
-  if (domain.email != nullptr && domain.email[0] != '\0')
+  if (!is_empty(domain.email))
     fprintf(out, "\tServerAdmin  %s%s%s\n", kind.admin_quote, domain.email, kind.admin_quote);
   fprintf(out, "\tDocumentRoot %s/%s/%s\n", HTTPD_VHOSTS_D, domain.name, docs);
   print_logs(out, domain.name, kind.access_log);

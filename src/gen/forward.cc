@@ -10,7 +10,7 @@ namespace {
 
 bool has_scheme(const char *url) {
   for (const char *scheme : {"http://", "https://", "ftp://"})
-    if (strncmp(url, scheme, strlen(scheme)) == 0)
+    if (std::strncmp(url, scheme, std::strlen(scheme)) == 0)
       return true;
   return false;
 }
@@ -32,7 +32,7 @@ void print_forward_head(FILE *out, const forward_host &host, MYSQL *db, unsigned
   }
 
   print_trace_refusal(out);
-  if (host.email != nullptr && host.email[0] != '\0')
+  if (!is_empty(host.email))
     fprintf(out, "\tServerAdmin  \"%s\"\n", host.email);
 }
 

@@ -18,7 +18,7 @@ constexpr char DOC_D[] = "/usr/share/doc";
 constexpr int ADDRESSES_PER_HOST = 300;
 
 bool is_ssl_port(const char *port) {
-  return strcmp(port, PLAIN_HOST.port) != 0;
+  return std::strcmp(port, PLAIN_HOST.port) != 0;
 }
 
 const char *default_docs(const char *port) {
@@ -106,7 +106,7 @@ void print_default_body(FILE *out, const char *port) {
 
 void print_ssl_default_host(FILE *out, const char *port, MYSQL_ROW row) {
   char label[TEXT_SIZE];
-  copy_text(label, row[0] != nullptr ? row[0] : "");
+  copy_text(label, text_or_empty(row[0]));
   for (char *c = label; *c != '\0'; ++c)
     if (*c == '.')
       *c = '-';

@@ -9,5 +9,5 @@ inline constexpr std::int64_t NO_LIMIT = -1;
 
 // The decimal number of the column; NO_LIMIT for null or empty.
 inline std::int64_t parse_limit(const char *column) {
-  return column != nullptr && column[0] != '\0' ? std::strtoll(column, nullptr, 10) : NO_LIMIT;
+  return !is_empty(column) ? std::strtoll(column, nullptr, 10) : NO_LIMIT;
 }

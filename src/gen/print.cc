@@ -47,7 +47,7 @@ void print_php_switches(FILE *out, bool enabled, bool safe_mode, const char *ope
   }
   fprintf(out, "\t\tphp_admin_flag engine on\n");
   fprintf(out, "\t\tphp_admin_flag safe_mode %s\n", safe_mode ? "on" : "off");
-  if (open_basedir != nullptr && open_basedir[0] != '\0')
+  if (!is_empty(open_basedir))
     fprintf(out, "\t\tphp_admin_value open_basedir \"%s:/tmp\"\n", open_basedir);
 }
 
@@ -177,8 +177,7 @@ void print_protected_dir(FILE *out, const char *directory, const char *domain, c
           "\t\tAuthUserFile %s\n"
           "\t\trequire  valid-user\n"
           "\t</Directory>\n",
-          directory, realm != nullptr && realm[0] != '\0' ? realm : " ",
-          password_file ? password_file.get() : "(null)");
+          directory, !is_empty(realm) ? realm : " ", password_file ? password_file.get() : "(null)");
 }
 
 unique_text protected_dir_password_file(const char *domain, const char *relative_path) {
@@ -246,12 +245,12 @@ void print_ssl_off(FILE *out) {
 }
 
 void print_ssl_certificate(FILE *out, const char *cert_file, const char *ca_file) {
-  if (cert_file == nullptr || cert_file[0] == '\0')
+  if (is_empty(cert_file))
     return;
   fprintf(out, "\tSSLEngine on\n"
                "\tSSLVerifyClient none\n");
   fprintf(out, "\tSSLCertificateFile %s/%s\n", CERTIFICATES_D, cert_file);
-  if (ca_file != nullptr && ca_file[0] != '\0')
+  if (!is_empty(ca_file))
     fprintf(out, "\tSSLCACertificateFile %s/%s\n", CERTIFICATES_D, ca_file);
 }
 

@@ -23,7 +23,7 @@ bounded_text include_file_of(const char *domain) {
 }
 
 void require_domain_name(const char *domain) {
-  if (domain == nullptr || domain[0] == '\0')
+  if (is_empty(domain))
     end_run("Error: empty DomainName");
 }
 
@@ -55,7 +55,7 @@ domain_record decode_row(const char *name, MYSQL_ROW row) {
       .perl = is_flag_set(row[8]),
       .asp = is_flag_set(row[9]),
       .ssl = is_flag_set(row[10]),
-      .webstat = row[11] == nullptr || strncmp(row[11], "none", 4) != 0,
+      .webstat = row[11] == nullptr || std::strncmp(row[11], "none", 4) != 0,
       .python = is_flag_set(row[12]),
       .fp = is_flag_set(row[13]),
       .fp_ssl = is_flag_set(row[14]),

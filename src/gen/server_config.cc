@@ -19,24 +19,16 @@ namespace {
 constexpr char DEFAULT_DOMAINS[] = "(not(ipa.default_domain_id is null) and d.id=ipa.default_domain_id)";
 constexpr char OTHER_DOMAINS[] = "(ipa.default_domain_id is null or d.id!=ipa.default_domain_id)";
 
-const char *text_or_empty(const char *text) {
-  return text != nullptr ? text : "";
-}
-
-bool has_text(const char *value) {
-  return value != nullptr && strlen(value) > 1;
-}
-
 unique_text read_host_name(MYSQL *db) {
   const char *name = get_misc_param("FullHostName", db);
-  if (!has_text(name))
+  if (!is_usable_setting(name))
     end_run("Unable to query parameter FullHostName\n");
   return idn_toascii_safe(name);
 }
 
 bounded_text read_admin_email(const char *host_name, MYSQL *db) {
   const char *email = get_misc_param("admin_email", db);
-  return has_text(email) ? bounded_text("%s", email) : bounded_text("root@%s", host_name);
+  return is_usable_setting(email) ? bounded_text("%s", email) : bounded_text("root@%s", host_name);
 }
 
 // One log line format; `bytes` counts what was sent, with headers where mod_logio can.
@@ -90,8 +82,7 @@ void print_global_directives(FILE *out, const char *host_name, const char *admin
     fprintf(out, "TraceEnable off\n\n");
 
   const char *allow_override = get_misc_param("apache_allowoverride_default", db);
-  print_default_directory(out, HTTPD_VHOSTS_D,
-                          allow_override != nullptr && allow_override[0] != '\0' ? allow_override : "All");
+  print_default_directory(out, HTTPD_VHOSTS_D, !is_empty(allow_override) ? allow_override : "All");
   print_default_directory(out, MAILMAN_ROOT_D, "All");
 
   fprintf(out, "<IfModule mod_userdir.c>\n"
@@ -140,9 +131,9 @@ void print_forwarding_host(FILE *out, MYSQL_ROW row, MYSQL *db) {
       .url = ascii_url != nullptr ? ascii_url : url,
       .ip_address = row[4],
   };
-  if (strncmp(type, "std_fwd", 7) == 0)
+  if (std::strncmp(type, "std_fwd", 7) == 0)
     print_standard_forward(out, host, db);
-  else if (strncmp(type, "frm_fwd", 7) == 0)
+  else if (std::strncmp(type, "frm_fwd", 7) == 0)
     print_frame_forward(out, host, db);
 }
 

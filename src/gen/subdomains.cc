@@ -108,7 +108,7 @@ void print_host(FILE *out, const subdomain_record &sub, const char *full_name, c
   print_server_name(out, full_name, kind.port);
   print_aliases(out, sub, kind, db);
   print_system_user(out, user, sub.cgi || sub.miva, "\t");
-  if (sub.email != nullptr && sub.email[0] != '\0')
+  if (!is_empty(sub.email))
     fprintf(out, "\tServerAdmin  \"%s\"\n", sub.email);
   fprintf(out, "\tDocumentRoot %s\n", documents.c_str());
   print_logs(out, sub.domain, kind.access_log);
@@ -141,15 +141,15 @@ bool find_native_user(const char *sys_user_id, const char *full_name, char (&log
     report_failure(0, 0, "Native User for %s not found in DB, subdomains skipped\n", full_name);
     return false;
   }
-  copy_text(login, row[0] != nullptr ? row[0] : "");
+  copy_text(login, text_or_empty(row[0]));
   return true;
 }
 
 // The user that the subdomain's programs run as. Returns false after a report when there is none.
 bool find_user(MYSQL_ROW row, const char *full_name, char (&user)[TEXT_SIZE], MYSQL *db) {
-  const bool native = row[15] != nullptr && strncmp(row[15], "native", 6) == 0;
+  const bool native = row[15] != nullptr && std::strncmp(row[15], "native", 6) == 0;
   if (!native)
-    copy_text(user, row[2] != nullptr ? row[2] : "");
+    copy_text(user, text_or_empty(row[2]));
   else if (!find_native_user(row[16], full_name, user, db))
     return false;
   if (user_exists(user))
@@ -177,7 +177,7 @@ unique_result select_subdomains(const char *domain, MYSQL *db) {
 
 int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
   const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
-  if (domain == nullptr || domain[0] == '\0') {
+  if (is_empty(domain)) {
     report_failure(0, 0, "Error: empty DomainName for subdomains");
     return -1;
   }

@@ -41,13 +41,17 @@ bool is_action(const char *action, const char *word) {
   return std::strcmp(action, word) == 0;
 }
 
+bounded_text init_script_of(const char *service) {
+  return bounded_text("%s/%s", PRODUCT_RC_D, service);
+}
+
 void restart_web_server_if_running() {
   if (service_action(HTTPD_SERVICE, "status") == 0)
     service_action(HTTPD_SERVICE, "restart");
 }
 
 int generic_action(const char *name, const char *action) {
-  const bounded_text script("%s/%s", PRODUCT_RC_D, name);
+  const bounded_text script = init_script_of(name);
   return run_init_script(script.c_str(), script.c_str(), action, 1);
 }
 
@@ -57,7 +61,7 @@ int coldfusion_action(const char *program, const char *action) {
   if (!db)
     end_run("Unable to connect to the mysql database\n");
   const char *path = get_misc_param("cf_instance_path", db.get());
-  if (path == nullptr || std::strlen(path) < 2) {
+  if (!is_usable_setting(path)) {
     report_failure(0, 0, "CF not configured in Quarry.\n");
     return -1;
   }
@@ -84,7 +88,7 @@ int kill_tomcat() {
 
 int tomcat_action(const char *action) {
   const bool stop = is_action(action, "stop");
-  const bounded_text script("%s/%s", PRODUCT_RC_D, "tomcat4");
+  const bounded_text script = init_script_of("tomcat4");
   int result = run_init_script(script.c_str(), "tomcat4", action, stop ? 0 : 1);
   if (result != 0 && stop)
     result = kill_tomcat();
@@ -112,7 +116,7 @@ int clean_up_after_web_server() {
 }
 
 int apache_action(const char *action) {
-  const bounded_text script("%s/%s", PRODUCT_RC_D, HTTPD_SERVICE);
+  const bounded_text script = init_script_of(HTTPD_SERVICE);
   int result = run_init_script(script.c_str(), HTTPD_SERVICE, action, 1);
   if (result == 0 &&
       (is_action(action, "start") || is_action(action, "restart") || is_action(action, "force-reload")))

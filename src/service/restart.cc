@@ -17,10 +17,6 @@ namespace {
 constexpr char DEFAULT_INTERVAL[] = "900";
 constexpr unsigned TOMCAT_SETTLE_SECONDS = 2;
 
-bool is_missing(const char *value) {
-  return value == nullptr || value[0] == '\0';
-}
-
 bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
@@ -31,7 +27,7 @@ long seconds_to_wait(MYSQL *db) {
   const bounded_text query("SELECT UNIX_TIMESTAMP(ADDDATE(val,INTERVAL %s SECOND))-UNIX_TIMESTAMP(NOW()) "
                            "\t\tFROM misc WHERE param='latest_apache_restart' "
                            "AND UNIX_TIMESTAMP(val)<=UNIX_TIMESTAMP(NOW())",
-                           is_missing(setting) ? DEFAULT_INTERVAL : setting);
+                           is_empty(setting) ? DEFAULT_INTERVAL : setting);
   const unique_result result =
       db_select_or_end_run(db, query.c_str(), "Unable to define time to sleep parameter");
   MYSQL_ROW row = mysql_fetch_row(result.get());
@@ -41,7 +37,7 @@ long seconds_to_wait(MYSQL *db) {
 }
 
 int restart_tomcat_if_flagged(MYSQL *db) {
-  if (is_missing(get_misc_param("restart_tomcat", db)))
+  if (is_empty(get_misc_param("restart_tomcat", db)))
     return 0;
   del_param("restart_tomcat", db); // first, so that a Tomcat that fails is not restarted for ever
   const int result = service_action("tomcat4", "restart");

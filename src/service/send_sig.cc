@@ -26,7 +26,7 @@ const char *line_start(const char *output, const char *match) {
 bool signal_process(const char *line, int line_length, int signal) {
   char *end = nullptr;
   const long pid = std::strtol(line, &end, 10); // skips leading white space
-  if (end == line) {
+  if (end == line || pid <= 0) {                // no number, or one that stands for many processes
     report_failure(0, 0, "send_signal_field(): malformed ps output: %.*s", line_length, line);
     return false;
   }
