@@ -320,8 +320,9 @@ def test_lock_is_released_before_a_bad_stand_alone_file_is_reported(panel, spoil
     panel.domain(DOMAIN)
     held = HeldAtServerRoot()
     reader, writer = full_pipe()
-    with subprocess.Popen([os.environ["HALYARD"], *arguments("enable-fp")], stdin=subprocess.DEVNULL,
-                          stdout=subprocess.DEVNULL, stderr=writer) as process:
+    process = subprocess.Popen([os.environ["HALYARD"], *arguments("enable-fp")], stdin=subprocess.DEVNULL,
+                               stdout=subprocess.DEVNULL, stderr=writer)
+    try:
         os.close(writer)
         held.wait(fake_cnf())
         spoil()
@@ -331,8 +332,11 @@ def test_lock_is_released_before_a_bad_stand_alone_file_is_reported(panel, spoil
         assert process.poll() is None
         while os.read(reader, 1 << 16):
             pass
+        assert process.wait(60) == 1
+    finally:
+        process.kill()
+        process.wait()
         os.close(reader)
-    assert process.returncode == 1
 
 
 # Afterwards
