@@ -1,6 +1,6 @@
 #include "proc/exec.h"
 
-#include "proc/standard_streams.h"
+#include "proc/inheritance.h"
 #include "support.h"
 
 #include <csignal>
@@ -61,18 +61,14 @@ outcome util_captured(const char *command) {
   });
 }
 
-// The caller is about to start a child when this many processes are all its user may have.
 void allow_no_process() {
-  const rlimit none{0, 0};
-  if (setuid(30030) != 0 || setrlimit(RLIMIT_NPROC, &none) != 0)
-    std::abort();
+  become_user(30030); // root may have any number
+  set_limit(RLIMIT_NPROC, 0);
 }
 
 void allow_no_descriptor() {
   close_descriptors_from(3);
-  const rlimit three{3, 3};
-  if (setrlimit(RLIMIT_NOFILE, &three) != 0)
-    std::abort();
+  set_limit(RLIMIT_NOFILE, 3);
 }
 
 // Descriptors as a tool of many files and connections may have them, none of them marked close-on-exec.
@@ -580,7 +576,7 @@ TEST(descriptors, all_from_the_lowest_up_are_closed) {
   })));
 }
 
-TEST(standard_streams, closed_ones_are_connected_to_dev_null_and_open_ones_kept) {
+TEST(inheritance, closed_standard_descriptors_are_connected_to_dev_null_and_open_ones_kept) {
   const auto connected_to = [](int number) {
     char target[64] = "";
     const std::string link = "/proc/self/fd/" + std::to_string(number);
@@ -595,7 +591,7 @@ TEST(standard_streams, closed_ones_are_connected_to_dev_null_and_open_ones_kept)
       for (const int number : {0, 1, 2})
         before[number] = number == closed ? "/dev/null" : connected_to(number);
       close(closed);
-      open_standard_streams();
+      mend_inheritance();
       for (const int number : {0, 1, 2})
         if (connected_to(number) != before[number])
           return 1;
@@ -604,14 +600,23 @@ TEST(standard_streams, closed_ones_are_connected_to_dev_null_and_open_ones_kept)
   }
 }
 
-TEST(standard_streams, opening_them_keeps_errno) {
+TEST(inheritance, mending_it_keeps_errno) {
   EXPECT_EQ(run_in_child([] {
               close(STDIN_FILENO);
               errno = EDOM;
-              open_standard_streams();
+              mend_inheritance();
               return errno == EDOM ? 0 : 1;
             }).status,
             0);
+}
+
+TEST(inheritance, ended_children_wait_for_us_although_the_parent_ignored_its_own) {
+  EXPECT_TRUE(quiet(run_in_child([] {
+    signal(SIGCHLD, SIG_IGN);
+    mend_inheritance();
+    unique_text out;
+    return fork_execl_getouterr(out, SHELL, SHELL, "-c", "exit 0", END);
+  })));
 }
 
 } // namespace
