@@ -46,17 +46,18 @@ std::string suffix(int error) {
   return error == 0 ? "" : "\nSystem error " + std::to_string(error) + ": " + std::strerror(error);
 }
 
-std::string unknown_user(const std::string &name, int before = 0) {
-  return "Unable to getpwnam for user " + name + suffix(errno_of_missing_user(before)) + "\n";
+std::string unknown_user(const std::string &name) {
+  static const int error = errno_of_missing_user(0);
+  return "Unable to getpwnam for user " + name + suffix(error) + "\n";
 }
 
 std::string unknown_group(const std::string &name) {
-  const int error = errno_of_missing_group();
+  static const int error = errno_of_missing_group();
   return "getgrnam(" + name + "): " + std::strerror(error) + suffix(error) + "\n";
 }
 
 std::string unknown_number(const std::string &number) {
-  const int error = errno_of_missing_number();
+  static const int error = errno_of_missing_number();
   return "getgrgid(" + number + "): " + std::strerror(error) + suffix(error) + "\n";
 }
 

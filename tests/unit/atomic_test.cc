@@ -239,8 +239,7 @@ TEST_F(copy, temporary_file_of_a_failed_run_lies_beside_the_destination) {
   make_live("old");
   EXPECT_TRUE(reported(run_in_child([this] {
                          signal(SIGXFSZ, SIG_IGN);
-                         const rlimit limit{6000, 6000};
-                         setrlimit(RLIMIT_FSIZE, &limit);
+                         set_limit(RLIMIT_FSIZE, 6000);
                          copy_file_atomic(source.c_str(), live.c_str(), 0, 0, 0644);
                        }),
                        1, failed("write", "System error 27: File too large")));

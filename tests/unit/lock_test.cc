@@ -219,7 +219,7 @@ TEST(lock_handle, held_means_a_descriptor_above_0) {
     file_lock handle;
     handle.fd = c.fd;
     EXPECT_EQ(lock_is_held(&handle), c.held);
-    handle.fd = 0; // nothing of ours
+    handle.fd = 0; // for its end: the descriptor is none of ours
   }
 }
 
@@ -231,7 +231,8 @@ TEST(lock_handle, release_of_a_handle_that_holds_nothing_is_0) {
   for (const int fd : {0, -1}) {
     SCOPED_TRACE(fd);
     EXPECT_TRUE(quiet(run_in_child([fd] {
-      unique_lock handle(new file_lock);
+      unique_lock handle = lock_file(EXAMPLE);
+      close(handle->fd);
       handle->fd = fd;
       const int result = unlock_file(std::move(handle));
       return fcntl(0, F_GETFD) >= 0 ? result : 1; // standard input is not the lock
@@ -242,9 +243,8 @@ TEST(lock_handle, release_of_a_handle_that_holds_nothing_is_0) {
 TEST(lock_handle, release_that_cannot_close_is_reported) {
   EXPECT_TRUE(
       reported(run_in_child([] {
-                 unique_lock handle(new file_lock);
-                 handle->fd = 777;
-                 handle->path = xasprintf("%s", EXAMPLE_LOCK);
+                 unique_lock handle = lock_file(EXAMPLE);
+                 close(handle->fd);
                  return unlock_file(std::move(handle)) == -1 ? 7 : 1;
                }),
                7,

@@ -9,12 +9,12 @@
 #include <linux/capability.h>
 #include <memory>
 #include <mysql.h>
-#include <new>
 #include <ostream>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -144,8 +144,10 @@ extern "C" void *realloc(void *block, std::size_t size) {
   return fails(size) ? nullptr : BELOW(realloc)(block, size);
 }
 
-void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
-  return fails(size) ? nullptr : ::operator new(size);
+// The leak checker's own words would mix with a child's.
+extern "C" const char *__lsan_default_options();
+extern "C" const char *__lsan_default_options() {
+  return "print_suppressions=0";
 }
 
 void fail_allocations_of(std::size_t size) {
@@ -226,6 +228,16 @@ memory_file_system::memory_file_system(const std::string &directory, const std::
 
 memory_file_system::~memory_file_system() {
   umount2(path.c_str(), MNT_DETACH);
+}
+
+void set_limit(int resource, unsigned long limit) {
+  static int limited;
+  static rlimit before;
+  limited = resource;
+  check(getrlimit(static_cast<__rlimit_resource>(limited), &before), "getrlimit");
+  std::atexit([] { setrlimit(static_cast<__rlimit_resource>(limited), &before); });
+  const rlimit lower{limit, before.rlim_max};
+  check(setrlimit(static_cast<__rlimit_resource>(limited), &lower), "setrlimit");
 }
 
 void become_user(uid_t user) {

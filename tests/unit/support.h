@@ -82,9 +82,13 @@ struct memory_file_system {
   std::string path;
 };
 
-// From here on every allocation of exactly `size` bytes fails (malloc, calloc, realloc, non-throwing new), to the end
-// of the process: for the body of run_in_child.
+// From here on every malloc, calloc and realloc of exactly `size` bytes fails, to the end of the process: for the body
+// of run_in_child.
 void fail_allocations_of(std::size_t size);
+
+// Lowers a soft limit of setrlimit: for the body of run_in_child. It is lifted at the exit, for the sake of sanitizers
+// and coverage counters.
+void set_limit(int resource, unsigned long limit);
 
 // Gives up root for good, or one capability of it (by its number in <linux/capability.h>): for the body of run_in_child.
 void become_user(uid_t user);

@@ -19,9 +19,10 @@ namespace {
 
 // What the system's functions below are to fail at, with EIO: an entry by its name, the way back, the end of a walk.
 std::string unreadable_entry;
-std::string vanished_entry;  // is gone when it is looked at
-std::string vanishing_entry; // is gone when it was looked at
-bool fchdir_fails = false;
+std::string vanished_entry;     // is gone when it is looked at
+std::string vanishing_entry;    // is gone when it was looked at
+std::string replaced_directory; // is a link to a directory outside when it was looked at for the second time
+int fchdirs_that_succeed = -1;  // any number
 bool closedir_fails = false;
 
 const char NOT_PERMITTED[] = "System error 1: Operation not permitted\n";
@@ -230,6 +231,23 @@ TEST_F(tree, links_in_a_tree_are_unlinked_and_never_followed) {
   EXPECT_EQ(read_file(base / "outside/below/kept"), "kept");
 }
 
+TEST_F(tree, link_put_in_place_of_a_directory_meanwhile_is_not_followed) {
+  make_directories(base / "outside");
+  write_file(base / "outside/old", "kept");
+  for (const auto &walk : {&tree::remove, &tree::rename_all}) {
+    directory("a");
+    replaced_directory = "a";
+    const outcome run = (this->*walk)(true);
+    replaced_directory.clear();
+    EXPECT_TRUE(reported(run, 1,
+                         "Unable to open dir a: Not a directory\n"
+                         "\n"
+                         "System error 20: Not a directory\n"));
+    EXPECT_EQ(entries(base / "outside"), std::vector<std::string>{"old"});
+    unlink((top + "/a").c_str());
+  }
+}
+
 TEST_F(tree, sockets_and_devices_in_a_tree_are_unlinked) {
   const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address = {};
@@ -377,8 +395,7 @@ TEST_F(tree, directory_that_may_not_be_removed_ends_the_run) {
 TEST_F(tree, walk_without_a_descriptor_for_the_way_back_ends_the_run) {
   directory("a");
   EXPECT_TRUE(reported(run_in_child([this] {
-                         const rlimit three{3, 3};
-                         setrlimit(RLIMIT_NOFILE, &three);
+                         set_limit(RLIMIT_NOFILE, 3);
                          remove_tree(top.c_str(), true);
                        }),
                        1,
@@ -400,9 +417,9 @@ TEST_F(tree, entry_that_cannot_be_looked_at_ends_the_run) {
 
 TEST_F(tree, way_back_that_is_barred_ends_the_run) {
   for (const auto &walk : {&tree::remove, &tree::rename_all}) {
-    fchdir_fails = true;
+    fchdirs_that_succeed = 1;
     const outcome run = (this->*walk)(true);
-    fchdir_fails = false;
+    fchdirs_that_succeed = -1;
     EXPECT_TRUE(reported(
         run, 1, std::string("Unable to restore & close current dir: Input/output error\n\n") + IO_ERROR));
   }
@@ -561,8 +578,7 @@ TEST_F(renaming, walk_that_cannot_begin_ends_the_run) {
   EXPECT_TRUE(
       reported(rename_as_user(), 1, "Unable to change dir " + top + ": Permission denied\n\n" + DENIED));
   EXPECT_TRUE(reported(run_in_child([this] {
-                         const rlimit three{3, 3};
-                         setrlimit(RLIMIT_NOFILE, &three);
+                         set_limit(RLIMIT_NOFILE, 3);
                          rename_in_tree(top.c_str(), "old", "new", true);
                        }),
                        1,
@@ -608,22 +624,27 @@ extern "C" int lstat(const char *path, struct stat *status) noexcept {
   const int result = fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
   if (vanishing_entry == path)
     unlink(path);
+  static int looks = 0;
+  if (replaced_directory == path && ++looks == 2 && (rmdir(path) != 0 || symlink("../outside", path) != 0))
+    std::abort();
   return result;
 }
 
 extern "C" int fchdir(int fd) noexcept {
-  if (fchdir_fails) {
+  if (fchdirs_that_succeed == 0) {
     errno = EIO;
     return -1;
   }
+  if (fchdirs_that_succeed > 0)
+    --fchdirs_that_succeed;
   return static_cast<int>(syscall(SYS_fchdir, fd));
 }
 
 extern "C" int closedir(DIR *directory) {
-  if (closedir_fails) {
-    errno = EIO;
-    return -1;
-  }
   static const auto system_closedir = reinterpret_cast<int (*)(DIR *)>(dlsym(RTLD_NEXT, "closedir"));
-  return system_closedir(directory);
+  const int result = system_closedir(directory);
+  if (!closedir_fails)
+    return result;
+  errno = EIO;
+  return -1;
 }

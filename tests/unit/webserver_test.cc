@@ -405,8 +405,7 @@ TEST_F(server_configuration, lookup_that_cannot_be_started_is_reported_and_gives
   EXPECT_TRUE(reported(run_in_child([] {
                          if (apache_server_root()[0] != '/')
                            return 1;
-                         const rlimit no_more{3, 3};
-                         setrlimit(RLIMIT_NOFILE, &no_more);
+                         set_limit(RLIMIT_NOFILE, 3);
                          return apache_server_root()[0] == '\0' ? 7 : 2;
                        }),
                        7,
