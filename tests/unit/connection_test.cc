@@ -390,11 +390,14 @@ TEST_F(connect_failure, of_a_library_without_memory_sets_errno) {
 }
 
 TEST_F(connect_failure, of_a_fresh_connection_with_an_error_says_nothing_and_closes_it) {
+  const statement_log log;
   char message[512] = "untouched";
   fresh_connection_has_an_error = true;
   EXPECT_FALSE(db_connect(message, sizeof message));
   EXPECT_STREQ(message, "untouched");
   EXPECT_EQ(connections_settled_at(0), 0);
+  EXPECT_EQ(log.count("Connect"), 1);
+  EXPECT_EQ(log.statements(), std::vector<std::string>{});
 }
 
 TEST_F(connect_failure, is_cut_to_the_callers_message_buffer) {

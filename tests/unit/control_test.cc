@@ -383,7 +383,7 @@ TEST_F(status_line, says_running_for_0_and_stopped_for_everything_else) {
 
 TEST_F(init_script_run, gets_directory_session_and_three_descriptors_of_its_own) {
   const outcome run = run_in_child([] {
-    for (const int fd : {3, 9, 200})
+    for (const int fd : {STDIN_FILENO, 3, 9, 200})
       dup2(STDERR_FILENO, fd);
     return run_init_script(init_script("named").c_str(), "web", "start", 1);
   });
@@ -564,9 +564,10 @@ TEST_F(graceful_restart, recognises_the_server_by_the_word_that_ps_shows_as_its_
 }
 
 TEST_F(graceful_restart, is_not_deceived_by_similar_commands) {
-  for (const char *command : {"httpd2-prefork2", "xhttpd2-prefork", "/usr/sbin/httpd2-prefork/x",
-                              "httpd2-worker", "less /usr/sbin/httpd2-prefork", "HTTPD2-PREFORK",
-                              "[httpd2-prefork", "httpd2-prefork]", "grep/httpd2-prefork"}) {
+  for (const char *command :
+       {"httpd2-prefork2", "xhttpd2-prefork", "/usr/sbin/httpd2-prefork/x", "httpd2-worker",
+        "less /usr/sbin/httpd2-prefork", "HTTPD2-PREFORK", "[httpd2-prefork", "httpd2-prefork]",
+        "[httpd2-prefork]x", "grep/httpd2-prefork"}) {
     write_file("/var/log/kiv-services/calls.log", "");
     const idle_process server(command);
     act("apache", "graceful");

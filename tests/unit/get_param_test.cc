@@ -282,7 +282,7 @@ int installed(const std::string &versions, const char *package = "kiv-imp") {
 TEST_F(component, with_one_row_and_a_version_is_installed) {
   EXPECT_EQ(installed("('kiv-imp', '4.1-suse')"), 1);
   EXPECT_EQ(installed("('kiv-imp', '')"), 1);
-  EXPECT_EQ(installed("('kiv-imp', 'not_install')"), 1);
+  EXPECT_EQ(installed("('kiv-imp', 'not_installe')"), 1);
   EXPECT_EQ(installed("('kiv-imp', 'Not_installed')"), 1);
   EXPECT_EQ(installed("('kiv-imp', ' not_installed')"), 1);
 }
