@@ -125,6 +125,14 @@ TEST_F(lock_file, below_something_that_is_no_directory_ends_the_run) {
                            "System error 20: Not a directory\n"));
 }
 
+TEST_F(lock_file, below_a_link_that_leads_nowhere_ends_the_run) {
+  ASSERT_EQ(symlink((root / "nowhere").c_str(), (root / "var").c_str()), 0);
+  EXPECT_TRUE(reported(run_in_child(open_sem), 1,
+                       "failed to open semaphore file " + root.path +
+                           "/var/utilities.sem: Not a directory\n"
+                           "System error 20: Not a directory\n"));
+}
+
 TEST_F(lock_file, that_is_a_directory_ends_the_run) {
   make_directories(root / "var/utilities.sem");
   EXPECT_TRUE(reported(run_in_child(open_sem), 1,
