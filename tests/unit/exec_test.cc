@@ -124,6 +124,14 @@ TEST(choices, other_descriptors_are_duplicated_onto_the_standard_ones) {
   EXPECT_EQ(read_file(directory / "err"), "complaint\n");
 }
 
+TEST(choices, duplicated_descriptor_is_closed_in_the_child_even_a_standard_one) {
+  const outcome run = run_in_child([] {
+    return exit_code_with_choices(0, 1, 1, "test ! -e /proc/$$/fd/1 && echo where output went >&2");
+  });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "where output went\n");
+}
+
 TEST(choices, descriptor_of_the_parent_stays_open_in_the_parent) {
   EXPECT_TRUE(quiet(run_in_child([] {
     const int out = open("/dev/null", O_WRONLY);
