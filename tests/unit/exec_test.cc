@@ -15,7 +15,6 @@
 namespace {
 
 constexpr char SHELL[] = "/bin/sh";
-constexpr const char *END = nullptr;
 
 // The argument vector of a shell command.
 struct shell_command {
@@ -53,7 +52,7 @@ outcome captured(const char *command) {
 outcome util_captured(const char *command) {
   return run_in_child([command] {
     unique_text out;
-    const int result = util_exec_capture(out, SHELL, "-c", command, END);
+    const int result = util_exec_capture(out, SHELL, "-c", command, nullptr);
     if (out)
       std::printf("%d [%s]", result, out.get());
     else
@@ -175,7 +174,7 @@ TEST(execution, captured_child_holds_no_end_of_the_pipe_but_its_standard_output)
   const outcome run = run_in_child([] {
     open_many_descriptors();
     unique_text out;
-    fork_execl_getouterr(out, SHELL, SHELL, "-c", LIST_DESCRIPTORS, END);
+    fork_execl_getouterr(out, SHELL, SHELL, "-c", LIST_DESCRIPTORS, nullptr);
     std::fputs(out.get(), stdout);
   });
   EXPECT_EQ(run.out, "0\n1\n2\n");
@@ -185,7 +184,7 @@ TEST(execution, utility_holds_no_end_of_the_pipe_but_its_two_outputs) {
   const outcome run = run_in_child([] {
     close_descriptors_from(3);
     unique_text out;
-    util_exec_capture(out, SHELL, "-c", LIST_DESCRIPTORS, END);
+    util_exec_capture(out, SHELL, "-c", LIST_DESCRIPTORS, nullptr);
     std::fputs(out.get(), stdout);
   });
   EXPECT_EQ(run.out, "0\n1\n2\n");
@@ -194,8 +193,8 @@ TEST(execution, utility_holds_no_end_of_the_pipe_but_its_two_outputs) {
 TEST(execution, arguments_reach_the_program_unchanged) {
   const outcome run = run_in_child([] {
     const char *const arguments[] = {
-        "own name", "-c", "printf '<%s>' \"$0\" \"$@\"", "", "two words", "$HOME", "*", "a'b\"c\\",
-        "last",     END};
+        "own name", "-c",   "printf '<%s>' \"$0\" \"$@\"", "", "two words", "$HOME", "*", "a'b\"c\\",
+        "last",     nullptr};
     const pid_t child = fork_execv(0, 1, 2, SHELL, arguments);
     int status = 0;
     waitpid(child, &status, 0);
@@ -213,7 +212,7 @@ TEST(execution, environment_is_inherited) {
 
 TEST(execution, program_is_not_searched_for) {
   const outcome run = run_in_child([] {
-    const char *const arguments[] = {"true", END};
+    const char *const arguments[] = {"true", nullptr};
     unique_text out;
     return fork_execv_getouterr(out, "true", arguments);
   });
@@ -224,7 +223,7 @@ TEST(execution, program_is_not_searched_for) {
 TEST(execution, path_that_does_not_exist_is_reported_by_the_child_and_gives_255) {
   const outcome run = run_in_child([] {
     unique_text out;
-    const int result = fork_execl_getouterr(out, "/nowhere/program", "program", END);
+    const int result = fork_execl_getouterr(out, "/nowhere/program", "program", nullptr);
     std::printf("%d %s", result, out ? "something" : "null");
   });
   EXPECT_EQ(run.out, "255 null");
@@ -237,7 +236,7 @@ TEST(execution, program_without_execute_permission_gives_255) {
   write_file(program, "#!/bin/sh\n", 0644);
   const outcome run = run_in_child([&] {
     unique_text out;
-    return fork_execl_getouterr(out, program.c_str(), "program", END);
+    return fork_execl_getouterr(out, program.c_str(), "program", nullptr);
   });
   EXPECT_EQ(run.status, 255);
   EXPECT_EQ(run.err, "fork_execv: execv(\"" + program + "\") failed: Permission denied\n");
@@ -274,7 +273,7 @@ TEST(capture, program_that_prints_nothing_and_exits_3_gives_3_and_no_buffer) {
 TEST(capture, former_content_of_the_buffer_is_dropped) {
   const outcome run = run_in_child([] {
     unique_text out(strdup("former"));
-    fork_execl_getouterr(out, "/bin/true", "true", END);
+    fork_execl_getouterr(out, "/bin/true", "true", nullptr);
     return out ? 1 : 0;
   });
   EXPECT_TRUE(quiet(run));
@@ -293,7 +292,7 @@ TEST(capture, standard_input_is_inherited) {
     const int in = open((directory / "in").c_str(), O_RDONLY);
     dup2(in, STDIN_FILENO);
     unique_text out;
-    fork_execl_getouterr(out, "/bin/cat", "cat", END);
+    fork_execl_getouterr(out, "/bin/cat", "cat", nullptr);
     std::fputs(out.get(), stdout);
   });
   EXPECT_EQ(run.out, "from the caller\n");
@@ -307,7 +306,8 @@ TEST(capture, program_killed_by_a_signal_gives_minus_1) {
 TEST(capture, program_that_stops_behind_its_output_gives_minus_1) {
   const outcome run = run_in_child([] {
     unique_text out;
-    const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo $$; exec >&-; kill -STOP $$", END);
+    const int result =
+        fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo $$; exec >&-; kill -STOP $$", nullptr);
     const pid_t stopped = static_cast<pid_t>(std::atoi(out.get()));
     kill(stopped, SIGKILL);
     int status = 0;
@@ -323,7 +323,7 @@ outcome output_of_length(int length, bool within_first_buffer) {
     if (within_first_buffer)
       fail_allocations_of(8192);
     unique_text out;
-    const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", command.c_str(), END);
+    const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", command.c_str(), nullptr);
     std::printf("%d %zu %zu", result, std::strlen(out.get()), std::strspn(out.get(), "x"));
   });
 }
@@ -350,7 +350,7 @@ TEST(capture, background_process_that_keeps_the_output_is_not_waited_for) {
   const outcome run = run_in_child([] {
     unique_text out;
     const int result =
-        fork_execl_getouterr(out, SHELL, SHELL, "-c", "sleep 300 2>/dev/null & echo $!; exit 6", END);
+        fork_execl_getouterr(out, SHELL, SHELL, "-c", "sleep 300 2>/dev/null & echo $!; exit 6", nullptr);
     const pid_t background = static_cast<pid_t>(std::atoi(out.get()));
     const bool alive = background > 1 && kill(background, 0) == 0;
     if (alive)
@@ -390,7 +390,7 @@ TEST(capture, signal_to_the_caller_does_not_end_the_capture) {
     interrupt_soon();
     unique_text out;
     const int result =
-        fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo before; sleep 0.5; echo after; exit 5", END);
+        fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo before; sleep 0.5; echo after; exit 5", nullptr);
     std::printf("%d %s", result, out.get());
   });
   EXPECT_EQ(run.out, "5 before\nafter\n");
@@ -401,7 +401,7 @@ TEST(capture, child_that_is_somebody_elses_by_then_gives_minus_1) {
   const outcome run = run_in_child([] {
     signal(SIGCHLD, SIG_IGN); // the system reaps
     unique_text out;
-    const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo x", END);
+    const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo x", nullptr);
     std::printf("%d %s", result, out.get());
   });
   EXPECT_EQ(run.out, "-1 x\n");
@@ -425,7 +425,7 @@ TEST(capture, arguments_without_memory_for_them_end_the_run) {
                          unique_text out;
                          fork_execl_getouterr(out, SHELL, "1", "2", "3", "4", "5", "6", "7", "8", "9", "10",
                                               "11", "12", "13", "14", "15", "16", "17", "18", "19", "20",
-                                              "21", "22", "23", "24", "25", "26", "27", "28", "29", END);
+                                              "21", "22", "23", "24", "25", "26", "27", "28", "29", nullptr);
                        }),
                        1,
                        "malloc() failed: Cannot allocate memory\n"
@@ -442,7 +442,7 @@ TEST(utility, path_is_the_first_argument_and_the_others_follow) {
   const outcome run = run_in_child([] {
     unique_text out;
     util_exec_capture(out, SHELL, "-c", "printf '%s|' \"$(tr '\\0' , </proc/$$/cmdline)\" \"$@\"", "x",
-                      "two words", "", "$HOME", END);
+                      "two words", "", "$HOME", nullptr);
     std::fputs(out.get(), stdout);
   });
   EXPECT_EQ(run.out, "/bin/sh,-c,printf '%s|' \"$(tr '\\0' , </proc/$$/cmdline)\" \"$@\",x,two words,,$HOME,|"
@@ -483,7 +483,7 @@ TEST(utility, result_255_is_reported_with_the_words_alone) {
 TEST(utility, program_that_cannot_be_executed_says_so_in_the_report) {
   const outcome run = run_in_child([] {
     unique_text out(strdup("former"));
-    const int result = util_exec_capture(out, "/nowhere/program", "-V", END);
+    const int result = util_exec_capture(out, "/nowhere/program", "-V", nullptr);
     return result == 255 && !out ? 0 : 1;
   });
   EXPECT_TRUE(reported(run, 0,
@@ -509,7 +509,7 @@ TEST(utility, long_output_of_a_failure_is_reported_whole) {
 TEST(utility, background_process_that_keeps_the_outputs_is_not_waited_for) {
   const outcome run = run_in_child([] {
     unique_text out;
-    const int result = util_exec_capture(out, SHELL, "-c", "sleep 300 & echo $!", END);
+    const int result = util_exec_capture(out, SHELL, "-c", "sleep 300 & echo $!", nullptr);
     const pid_t background = static_cast<pid_t>(std::atoi(out.get()));
     const bool alive = background > 1 && kill(background, 0) == 0;
     if (alive)
@@ -523,7 +523,7 @@ TEST(utility, signal_to_the_caller_does_not_end_the_capture) {
   const outcome run = run_in_child([] {
     interrupt_soon();
     unique_text out;
-    const int result = util_exec_capture(out, SHELL, "-c", "echo before; sleep 0.5; echo after", END);
+    const int result = util_exec_capture(out, SHELL, "-c", "echo before; sleep 0.5; echo after", nullptr);
     std::printf("%d %s", result, out.get());
   });
   EXPECT_EQ(run.out, "0 before\nafter\n");
@@ -535,7 +535,7 @@ TEST(utility, child_is_reaped_and_no_descriptor_left_open) {
     const outcome run = run_in_child([command] {
       close_descriptors_from(3);
       unique_text out;
-      util_exec_capture(out, SHELL, "-c", command, END);
+      util_exec_capture(out, SHELL, "-c", command, nullptr);
       const int next = dup(STDIN_FILENO);
       return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD && next == 3 ? 0 : 1;
     });
@@ -547,7 +547,7 @@ TEST(utility, fork_that_fails_ends_the_run) {
   EXPECT_TRUE(reported(run_in_child([] {
                          allow_no_process();
                          unique_text out;
-                         util_exec_capture(out, SHELL, END);
+                         util_exec_capture(out, SHELL, nullptr);
                        }),
                        1,
                        "Cannot fork():\n"
@@ -562,7 +562,7 @@ TEST(utility, arguments_without_memory_for_them_end_the_run) {
                          unique_text out;
                          util_exec_capture(out, SHELL, "1", "2", "3", "4", "5", "6", "7", "8", "9", "10",
                                            "11", "12", "13", "14", "15", "16", "17", "18", "19", "20", "21",
-                                           "22", "23", "24", "25", "26", "27", "28", END);
+                                           "22", "23", "24", "25", "26", "27", "28", nullptr);
                        }),
                        1,
                        "Cannot allocate buffer:\n"
@@ -623,7 +623,7 @@ TEST(inheritance, ended_children_wait_for_us_although_the_parent_ignored_its_own
     signal(SIGCHLD, SIG_IGN);
     mend_inheritance();
     unique_text out;
-    return fork_execl_getouterr(out, SHELL, SHELL, "-c", "exit 0", END);
+    return fork_execl_getouterr(out, SHELL, SHELL, "-c", "exit 0", nullptr);
   })));
 }
 

@@ -123,6 +123,11 @@ bool fails(std::size_t size) {
 } // namespace
 
 // The program's allocations pass here. Below are those of the C library, or of the address sanitizer.
+#if defined(__has_feature) && !defined(__SANITIZE_ADDRESS__)
+#if __has_feature(address_sanitizer)
+#define __SANITIZE_ADDRESS__ // as GCC says it
+#endif
+#endif
 #if defined(__SANITIZE_ADDRESS__)
 #define BELOW(function) __interceptor_##function
 #else
