@@ -169,6 +169,7 @@ def test_wait_lasts_until_the_interval_since_the_last_restart_is_over(panel, sit
 @pytest.mark.parametrize("interval, seconds_ago", [
     ("0", 0), ("0", 100), ("60", 60), ("60", 61), ("60", 100_000), (None, 900), (None, 901), ("", 100_000), (None, -10),
     (None, -100_000),
+    ("999999999999", 0),  # ends after all dates that the database knows
 ])
 def test_there_is_no_wait_after_the_interval_or_when_the_last_restart_lies_in_the_future(panel, site, interval,
                                                                                          seconds_ago):
