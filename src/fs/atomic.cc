@@ -23,6 +23,17 @@ bool write_fully(int fd, const char *data, std::size_t size) {
   return true;
 }
 
+// Copies everything. Returns null, or the step that failed with errno set. A source that cannot be read to its end must
+// not become the live file.
+const char *copy_bytes(int in, int out) {
+  char chunk[CHUNK_SIZE];
+  ssize_t count;
+  while ((count = read(in, chunk, sizeof chunk)) > 0)
+    if (!write_fully(out, chunk, static_cast<std::size_t>(count)))
+      return "write";
+  return count == 0 ? nullptr : "read";
+}
+
 } // namespace
 
 staged_file open_staged_file(const bounded_text &target) {
@@ -66,14 +77,8 @@ void copy_file_atomic(const char *source, const char *destination, uid_t uid, gi
   if (out.fd < 0)
     fail("mkstemp");
 
-  char chunk[CHUNK_SIZE];
-  ssize_t count;
-  while ((count = read(in.fd, chunk, sizeof chunk)) != 0) {
-    if (count == -1)
-      fail("read"); // a source that cannot be read to its end must not become the live file
-    if (!write_fully(out.fd, chunk, static_cast<std::size_t>(count)))
-      fail("write");
-  }
+  if (const char *failed_step = copy_bytes(in.fd, out.fd))
+    fail(failed_step);
   if (fchown(out.fd, uid, gid) != 0)
     fail("chown");
   if (fchmod(out.fd, mode) != 0)

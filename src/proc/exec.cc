@@ -176,6 +176,14 @@ bool capture_outputs(int fd, pid_t child, capture_buffer &buffer, int &status) {
   }
 }
 
+// A program that could not be executed has said so itself.
+void report_failed_utility(const char *path, int result, const char *output) {
+  if (result == CHILD_FAILED)
+    report_failure(0, 0, "error:\n%s", output);
+  else
+    report_failure(0, 0, "utility %s failed (result=%d):\n%s", path, result, output);
+}
+
 } // namespace
 
 void close_descriptors_from(int lowest) {
@@ -271,10 +279,7 @@ int util_exec_capture(unique_text &out, const char *path, ...) {
     out = std::move(buffer.text);
     return 0;
   }
-  if (result == CHILD_FAILED)
-    report_failure(0, 0, "error:\n%s", buffer.text.get());
-  else
-    report_failure(0, 0, "utility %s failed (result=%d):\n%s", path, result, buffer.text.get());
+  report_failed_utility(path, result, buffer.text.get());
   out.reset();
   return result;
 }
