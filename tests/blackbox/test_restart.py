@@ -612,6 +612,15 @@ def test_file_in_place_of_the_lock_files_directory_ends_the_run(panel):
     assert_said(result, ("failed to open semaphore file /etc/passwd/var/utilities.sem: Not a directory", 20))
 
 
+def test_link_that_leads_nowhere_in_place_of_the_lock_files_directory_ends_the_run(panel):
+    (PRODUCT_ROOT_D / "linked").mkdir()
+    (PRODUCT_ROOT_D / "linked/var").symlink_to("/no/such/directory")
+    panel.kiv_conf(PRODUCT_ROOT_D="/usr/local/kiv/linked")
+    result = panel.run("-r")
+    assert result.status == 1
+    assert_said(result, ("failed to open semaphore file /usr/local/kiv/linked/var/utilities.sem: Not a directory", 20))
+
+
 def test_directories_that_cannot_be_made_end_the_run(panel):
     panel.kiv_conf(PRODUCT_ROOT_D="/proc/nowhere")
     result = panel.run("-r")

@@ -10,6 +10,7 @@ import ctypes
 import errno
 import fcntl
 import os
+import pathlib
 import re
 import signal
 import struct
@@ -217,7 +218,8 @@ def prefork_server():
 def named_process(name):
     """A process that ps shows under that name, sleeping until it is killed."""
     process = subprocess.Popen([name, "600"], executable="/bin/sleep")
-    wait_until(lambda: open(f"/proc/{process.pid}/cmdline", "rb").read().startswith(name.encode() + b"\0"))
+    command_line = pathlib.Path(f"/proc/{process.pid}/cmdline")
+    wait_until(lambda: command_line.read_bytes().startswith(name.encode() + b"\0"))
     return process
 
 
@@ -252,12 +254,6 @@ class Gate:
 def calls(panel, name=None):
     """(service, action) of the calls so far, of one service or of all."""
     return [tuple(call) for call in panel.service_calls() if name in (None, call.name)]
-
-
-def wait_for_calls(panel, count, name="apache"):
-    """Waits for that many calls of a service and returns all calls."""
-    wait_until(lambda: len(calls(panel, name)) >= count)
-    return calls(panel)
 
 
 def forget_calls():
