@@ -884,3 +884,13 @@ def test_directory_that_is_gone_does_not_matter(panel, tmp_path):
                              "-a", "-w", "-v"], capture_output=True, check=False)
     assert (result.returncode, result.stdout, result.stderr) == (0, b"", b"")
     assert panel.domain_path("one.test").exists()
+
+
+def test_web_server_asked_for_its_version_inherits_neither_database_session_nor_lock_file(panel):
+    put_httpd(APACHE, build_info("2.2.3"), f"readlink /proc/$$/fd/* >{PRODUCT_ROOT_D}/httpd.fds")
+    result = panel.run("--reset-default-domain", "--ip-address=192.0.2.10", "-v", "-w")
+    assert result.status == 0
+    inherited = (PRODUCT_ROOT_D / "httpd.fds").read_text()
+    assert "pipe:" in inherited
+    assert "socket:" not in inherited
+    assert "utilities.sem" not in inherited
