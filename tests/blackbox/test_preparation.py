@@ -887,7 +887,7 @@ def test_directory_that_is_gone_does_not_matter(panel, tmp_path):
 
 
 def test_web_server_asked_for_its_version_inherits_neither_database_session_nor_lock_file(panel):
-    put_httpd(APACHE, build_info("2.2.3"), f"readlink /proc/$$/fd/* >{PRODUCT_ROOT_D}/httpd.fds")
+    put_httpd(APACHE, build_info("2.2.3"), f"readlink /proc/$$/fd/* >{PRODUCT_ROOT_D}/httpd.fds; exit 0")
     result = panel.run("--reset-default-domain", "--ip-address=192.0.2.10", "-v", "-w")
     assert result.status == 0
     inherited = (PRODUCT_ROOT_D / "httpd.fds").read_text()
