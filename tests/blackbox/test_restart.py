@@ -2,7 +2,7 @@
 
 BURST_ROUNDS=100 repeats the two tests of a burst that often (once by default):
 
-    BURST_ROUNDS=100 script/sandbox --empty env HALYARD=build/release/halyard \\
+    BURST_ROUNDS=100 HALYARD=$PWD/build/release/halyard script/sandbox --empty \\
         /usr/bin/python3 -m pytest -q tests/blackbox/test_restart.py -k burst
 """
 
