@@ -701,7 +701,7 @@ def test_parser_names_the_program_with_its_whole_path(plain):
 
 def test_nothing_is_written_to_a_live_file_when_the_command_line_is_refused(site):
     before = SERVER_FILE.stat()
-    site.run("-a", "-n")
+    assert_refused(site, site.run("-n", "-a"), missing("vhost-name"))
     after = SERVER_FILE.stat()
     assert (after.st_ino, after.st_mtime_ns) == (before.st_ino, before.st_mtime_ns)
     assert not SERVER_FILE.with_name(SERVER_FILE.name + ".new").exists()
