@@ -4,17 +4,70 @@
 #include "support.h"
 
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
+// Errors that the system's functions give in place of their own work, set in the child that runs the code under test;
+// 0 leaves them alone.
+int fcntl_error = 0;
+int select_error = 0;
+int read_error = 0;
+int reads_that_fail = 0;
+
+// How long the last select was to wait at most.
+timeval last_timeout = {-1, -1};
+
+} // namespace
+
+// The system's functions as the program calls them, in front of the real ones.
+
+extern "C" int fcntl(int fd, int command, ...) {
+  va_list list;
+  va_start(list, command);
+  void *argument = va_arg(list, void *);
+  va_end(list);
+  if (fcntl_error == 0)
+    return static_cast<int>(syscall(SYS_fcntl, fd, command, argument));
+  errno = fcntl_error;
+  return -1;
+}
+
+extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout) {
+  last_timeout = *timeout;
+  if (select_error != 0) {
+    errno = select_error;
+    return -1;
+  }
+  const timespec limit = {timeout->tv_sec, timeout->tv_usec * 1000};
+  return pselect(count, readable, writable, exceptional, &limit, nullptr);
+}
+
+extern "C" ssize_t read(int fd, void *buffer, size_t size) {
+  if (reads_that_fail == 0)
+    return syscall(SYS_read, fd, buffer, size);
+  --reads_that_fail;
+  errno = read_error;
+  return -1;
+}
+
+namespace {
+
 constexpr char SHELL[] = "/bin/sh";
+
+void fail_reads(int number, int error) {
+  reads_that_fail = number;
+  read_error = error;
+}
 
 // The argument vector of a shell command.
 struct shell_command {
@@ -150,6 +203,16 @@ TEST(choices, descriptor_that_is_not_open_ends_the_child_with_255) {
     EXPECT_EQ(run.err, "fork_execv: dup() failed: Bad file descriptor\n");
     EXPECT_EQ(run.out, "");
   }
+}
+
+TEST(choices, dev_null_that_cannot_be_opened_ends_the_child_with_255) {
+  const outcome run = run_in_child([] {
+    allow_no_descriptor();
+    return exit_code_with_choices(TO_DEV_NULL, 1, 2, "echo run");
+  });
+  EXPECT_EQ(run.status, 255);
+  EXPECT_EQ(run.err, "fork_execv: dup() failed: Too many open files\n");
+  EXPECT_EQ(run.out, "");
 }
 
 TEST(execution, child_has_its_three_standard_descriptors_and_no_other) {
@@ -407,6 +470,50 @@ TEST(capture, child_that_is_somebody_elses_by_then_gives_minus_1) {
   EXPECT_EQ(run.out, "-1 x\n");
 }
 
+TEST(capture, child_is_looked_after_every_second) {
+  const outcome run = run_in_child([] {
+    unique_text out;
+    fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo x", nullptr);
+    std::printf("%ld.%06ld", static_cast<long>(last_timeout.tv_sec), static_cast<long>(last_timeout.tv_usec));
+  });
+  EXPECT_EQ(run.out, "1.000000");
+}
+
+TEST(capture, pipe_that_is_empty_after_all_is_read_again) {
+  const outcome run = run_in_child([] {
+    fail_reads(1, EAGAIN);
+    unique_text out;
+    const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo x; exit 4", nullptr);
+    std::printf("%d %s", result, out.get());
+  });
+  EXPECT_EQ(run.out, "4 x\n");
+  EXPECT_EQ(run.err, "");
+}
+
+TEST(capture, pipe_that_cannot_be_read_is_reported_on_standard_error_and_the_child_waited_for) {
+  for (const int error : {EIO, EINTR}) {
+    const outcome run = run_in_child([error] {
+      fail_reads(1, error);
+      unique_text out;
+      const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo x; exit 4", nullptr);
+      std::printf("%d %s %d", result, out ? out.get() : "null", errno);
+    });
+    EXPECT_EQ(run.err, std::string("fork_exec*: read(pipe) failed: ") + std::strerror(error) + "\n");
+    EXPECT_EQ(run.out, "4 null 0");
+  }
+}
+
+TEST(capture, pipe_that_cannot_be_made_non_blocking_ends_the_run) {
+  EXPECT_TRUE(reported(run_in_child([] {
+                         fcntl_error = EPERM;
+                         unique_text out;
+                         fork_execv_getouterr(out, SHELL, shell_command(":").vector);
+                       }),
+                       1,
+                       "fork_execv_getouterr: fcntl(O_NONBLOCK) failed\n"
+                       "System error 1: Operation not permitted\n"));
+}
+
 TEST(capture, pipe_that_cannot_be_made_ends_the_run) {
   EXPECT_TRUE(reported(run_in_child([] {
                          allow_no_descriptor();
@@ -541,6 +648,51 @@ TEST(utility, child_is_reaped_and_no_descriptor_left_open) {
     });
     EXPECT_TRUE(quiet(run));
   }
+}
+
+TEST(utility, child_is_looked_after_every_second) {
+  const outcome run = run_in_child([] {
+    unique_text out;
+    util_exec_capture(out, SHELL, "-c", "echo x", nullptr);
+    std::printf("%ld.%06ld", static_cast<long>(last_timeout.tv_sec), static_cast<long>(last_timeout.tv_usec));
+  });
+  EXPECT_EQ(run.out, "1.000000");
+}
+
+TEST(utility, read_that_was_interrupted_is_repeated) {
+  const outcome run = run_in_child([] {
+    fail_reads(1, EINTR);
+    unique_text out;
+    const int result = util_exec_capture(out, SHELL, "-c", "printf x", nullptr);
+    std::printf("%d [%s]", result, out.get());
+  });
+  EXPECT_EQ(run.out, "0 [x]");
+  EXPECT_EQ(run.err, "");
+}
+
+TEST(utility, outputs_that_cannot_be_read_are_reported_and_the_child_is_waited_for) {
+  const outcome run = run_in_child([] {
+    fail_reads(1, EIO);
+    unique_text out;
+    const int result = util_exec_capture(out, SHELL, "-c", "echo x", nullptr);
+    std::printf("%d [%s]", result, out.get());
+  });
+  const std::string message = "Cannot read child output:\n"
+                              "Input/output error\n"
+                              "System error 5: Input/output error\n";
+  EXPECT_EQ(run.err, message);
+  EXPECT_EQ(run.out, message + "0 []");
+}
+
+TEST(utility, outputs_that_cannot_be_watched_are_given_up_and_the_child_is_waited_for) {
+  const outcome run = run_in_child([] {
+    select_error = EBADF;
+    unique_text out;
+    const int result = util_exec_capture(out, SHELL, "-c", "echo x", nullptr);
+    std::printf("%d [%s]", result, out.get());
+  });
+  EXPECT_EQ(run.out, "0 []");
+  EXPECT_EQ(run.err, "");
 }
 
 TEST(utility, fork_that_fails_ends_the_run) {

@@ -54,7 +54,7 @@ struct other_process {
 
   // Whether it comes to wait for a lock. It is let go on its way otherwise.
   bool waits_for_a_lock() const {
-    for (int tries = 0; tries < 1000; ++tries) {
+    for (int tries = 0; tries < 12000; ++tries) {
       std::ifstream locks("/proc/locks");
       for (std::string line; std::getline(locks, line);)
         if (line.find("-> POSIX") != std::string::npos &&
@@ -102,6 +102,16 @@ TEST_F(lock_file, is_created_with_every_missing_directory_above_it) {
   for (const char *directory : {"usr", "usr/local", "usr/local/product", "usr/local/product/var"})
     EXPECT_EQ(owner_and_mode(root / directory), "0:0 0755") << directory;
   EXPECT_EQ(owner_and_mode(deep + "/var/utilities.sem"), "0:0 0600");
+}
+
+TEST_F(lock_file, is_opened_for_writing_only) {
+  const outcome run = run_in_child([] {
+    const int fd = dup(STDIN_FILENO); // the lock file will have this number
+    close(fd);
+    open_sem();
+    std::printf("%d", fcntl(fd, F_GETFL) & O_ACCMODE);
+  });
+  EXPECT_EQ(run.out, std::to_string(O_WRONLY));
 }
 
 TEST_F(lock_file, that_exists_is_used_as_it_is) {

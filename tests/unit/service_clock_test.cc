@@ -218,6 +218,38 @@ TEST_F(stubborn_tomcat, is_given_up_as_a_failure_when_nobody_can_count_its_proce
   EXPECT_EQ(calls(), names{"tomcat4 stop"});
 }
 
+TEST_F(stubborn_tomcat, is_counted_even_when_nobody_could_signal_it) {
+  if (in_place())
+    GTEST_SKIP() << "nothing may be mounted in place";
+  const other_script script("tomcat4", CANNOT_STOP);
+  const outcome run = run_in_child([] {
+    auto broken = std::make_unique<replaced_ps>("exit 1");
+    during_sleep = [&](int) { broken.reset(); };
+    load_product_config();
+    return service_action("tomcat4", "stop");
+  });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "send_signal_field(): /bin/ps failed\nsleep 5\n");
+  EXPECT_EQ(calls(), (names{"tomcat4 stop", "apache status"}));
+}
+
+TEST_F(stubborn_tomcat, is_a_failure_when_nobody_can_count_who_survived_the_kill) {
+  if (in_place())
+    GTEST_SKIP() << "nothing may be mounted in place";
+  const other_script script("tomcat4", CANNOT_STOP);
+  set_running("apache");
+  idle_process jvm(TOMCAT, true);
+  const outcome run = act("tomcat4", "stop", [&](int nth) {
+    static std::unique_ptr<replaced_ps> broken;
+    if (nth == 6)
+      broken = std::make_unique<replaced_ps>("exit 1");
+  });
+  EXPECT_EQ(run.status, FAILED);
+  EXPECT_EQ(run.out, sleeps_of(6, "5") + "send_signal_field(): /bin/ps failed\n");
+  EXPECT_EQ(jvm.signal_that_ended_it(), SIGKILL);
+  EXPECT_EQ(calls(), names{"tomcat4 stop"});
+}
+
 TEST_F(stubborn_tomcat, is_only_killed_for_a_stop) {
   const other_script script("tomcat4", "log_call $1; exit 1");
   const idle_process jvm(TOMCAT);
@@ -354,7 +386,7 @@ TEST_F(restart_interval, update_that_fails_ends_the_run) {
   EXPECT_TRUE(said(wait_out(), 1, {"Unable to update time to restart parameter: " + too_many_statements(7)}));
 }
 
-TEST_F(restart_interval, setting_that_cannot_be_read_is_reported_and_counts_as_900) {
+TEST_F(restart_interval, setting_and_record_that_cannot_be_read_end_the_run) {
   set_misc("latest_apache_restart", "FROM_UNIXTIME(" + std::string(NOW) + ")");
   const outcome run = run_in_child([] {
     load_product_config();
@@ -571,6 +603,15 @@ TEST_F(restart, of_tomcat_is_forgotten_before_it_is_tried) {
                        "System error 2: No such file or directory\n"));
   EXPECT_EQ(mark(), "no row");
   EXPECT_EQ(calls(), names{});
+}
+
+TEST_F(restart, of_tomcat_happens_although_the_mark_cannot_be_deleted) {
+  set_misc("restart_tomcat", "'true'");
+  const statement_limit limit(5); // the connection's four and the mark
+  EXPECT_TRUE(said(restart_web(GRACEFUL), 0,
+                   {"Unable to delete parameter restart_tomcat from misc: " + too_many_statements(5)},
+                   "sleep 2\n"));
+  EXPECT_EQ(calls(), (names{"tomcat4 restart", "apache restart"}));
 }
 
 TEST_F(restart, holds_the_generation_byte_and_releases_it) {

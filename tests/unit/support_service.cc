@@ -70,7 +70,7 @@ bool idle_process::runs() const {
 
 void await_end(pid_t pid) {
   const std::string command = "/proc/" + std::to_string(pid) + "/cmdline";
-  for (int tries = 0; tries < 2000; ++tries) {
+  for (int tries = 0; tries < 12000; ++tries) {
     if (!exists(command) || read_file(command).empty())
       return;
     usleep(5000);
