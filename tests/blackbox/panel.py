@@ -187,7 +187,7 @@ def _unescape(text):
     return re.sub(r"\\(.)", lambda match: "\n" if match[1] == "n" else match[1], text)
 
 
-def wait_until(condition, seconds=10):
+def wait_until(condition, seconds=60):
     """Returns the condition's first true value; fails when there is none within the given time."""
     deadline = time.monotonic() + seconds
     while True:

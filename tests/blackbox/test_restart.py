@@ -24,6 +24,9 @@ LONGEST_BURST_INTERVAL = 48
 # A moment at which the database's clock stands still for the program.
 FROZEN = 1_700_000_000
 
+# Long enough to be seen asleep and stopped there.
+SHORT_SLEEP = 3
+
 RECONFIGURE = ["-u", "--vhost-name=example.test"]
 RESTARTED = [("apache", "restart")]
 ASKED_FOR_RESTART = [("apache", "restart"), ("apache", "status")]
@@ -130,6 +133,15 @@ def record_against_frozen_clock(panel, seconds_ago):
     panel.sql("REPLACE INTO misc (param, val) SELECT 'latest_apache_restart', FROM_UNIXTIME(%s)", FROZEN - seconds_ago)
 
 
+def start_to_sleep(panel):
+    """Starts a run that sleeps for a few seconds, however long it takes to come that far. Returns it, and the id of the
+    process that sleeps."""
+    record_against_frozen_clock(panel, 900 - SHORT_SLEEP)
+    with clock_stands_still(panel):
+        run = panel.start(*RECONFIGURE)
+        return run, watch.wait_for_sleeper(panel)
+
+
 def waits_for_lock(pid, byte):
     with open("/proc/locks", encoding="ascii") as locks:
         return any(re.match(rf"\d+: -> POSIX +ADVISORY +WRITE +{pid} \S+ {byte} {byte}$", line) for line in locks)
@@ -147,10 +159,10 @@ def wait_until_blocked(panel, byte=GENERATE):
     ("", 100, 800),
     ("NULL", 100, 800),
     (None, 0, 900),
-    (None, 899, 1),
+    (None, 880, 20),
     ("60", 10, 50),
     ("60", 0, 60),
-    ("60", 59, 1),
+    ("60", 40, 20),
     ("86400", 1, 86399),
 ])
 def test_wait_lasts_until_the_interval_since_the_last_restart_is_over(panel, site, interval, seconds_ago, wait):
@@ -294,10 +306,12 @@ def test_run_that_finds_the_throttle_held_elsewhere_leaves_even_when_no_wait_is_
 def test_waiting_run_restarts_with_what_the_others_wrote_meanwhile(panel, site, tmp_path):
     panel.domain("second.test", max_connection="7")
     panel.script("apache", f"cat {panel.domain_path('second.test')} >{tmp_path}/served\n" + STAND_IN)
-    restarted_just_now(panel, "3")
-    assert panel.run(*RECONFIGURE).status == 0
-    watch.wait_for_sleeper(panel)
-    assert panel.run("-u", "--vhost-name=second.test").status == 0
+    run, waiter = start_to_sleep(panel)
+    with watch.stopped(waiter):
+        assert run.result().status == 0
+        assert panel.run("-u", "--vhost-name=second.test").status == 0
+        wait_until(lambda: processes(panel) == [waiter])
+        assert calls(panel) == []
     watch.wait_for_end(panel)
     assert calls(panel) == RESTARTED
     assert (tmp_path / "served").read_text() == domain_text("second.test", 7)
@@ -681,11 +695,11 @@ def test_no_daemon_run_restarts_at_once_whatever_is_on_record_and_changes_no_rec
 
 
 def test_no_daemon_run_beside_a_waiting_one_restarts_now_and_the_waiting_one_later(panel, site):
-    restarted_just_now(panel, "3")
-    assert panel.run(*RECONFIGURE).status == 0
-    watch.wait_for_sleeper(panel)
-    assert panel.run(*RECONFIGURE, "-v").status == 0
-    assert calls(panel) == RESTARTED
+    run, waiter = start_to_sleep(panel)
+    with watch.stopped(waiter):
+        assert run.result().status == 0
+        assert panel.run(*RECONFIGURE, "-v").status == 0
+        assert calls(panel) == RESTARTED
     watch.wait_for_end(panel)
     assert calls(panel) == 2 * RESTARTED
 
@@ -947,11 +961,10 @@ def test_settings_that_vanish_before_the_wait_end_the_run_with_the_databases_wor
 
 
 def test_settings_that_vanish_during_the_wait_end_the_run_with_the_databases_words(panel, site, tmp_path):
-    restarted_just_now(panel, "2")
     with watch.unable_to_detach(panel, tmp_path), watch.adopting(panel) as adoption:
-        run = panel.start(*RECONFIGURE)
-        watch.wait_for_sleeper(panel)
-        panel.sql("RENAME TABLE misc TO misc_elsewhere")
+        run, waiter = start_to_sleep(panel)
+        with watch.stopped(waiter):
+            panel.sql("RENAME TABLE misc TO misc_elsewhere")
         result = run.result()
         assert adoption.next_end()[1] == 1
     assert_ends_with(result, said(f"Unable to update time to restart parameter: {GONE}"))
@@ -961,11 +974,10 @@ def test_settings_that_vanish_during_the_wait_end_the_run_with_the_databases_wor
 
 
 def test_database_that_stops_during_the_wait_ends_the_run_and_the_next_one_makes_it_good(panel, site, tmp_path):
-    restarted_just_now(panel, "2")
     with watch.unable_to_detach(panel, tmp_path), watch.adopting(panel) as adoption:
-        run = panel.start(*RECONFIGURE)
-        watch.wait_for_sleeper(panel)
-        panel.stop_server()
+        run, waiter = start_to_sleep(panel)
+        with watch.stopped(waiter):
+            panel.stop_server()
         result = run.result()
         assert adoption.next_end()[1] == 1
     assert_ends_with(result, rf"halyard: Unable to update time to restart parameter: {LOST}\n"
@@ -979,11 +991,13 @@ def test_database_that_stops_during_the_wait_ends_the_run_and_the_next_one_makes
     assert calls(panel) == RESTARTED
 
 
-def kill_connection_that_waits_for_misc(panel):
+def kill_what_waits_for_misc(panel, what):
+    """Kills the CONNECTION, or the QUERY alone, that asks for the interval and waits for the table."""
     def waiting():
-        return next((row[0] for row in panel.sql("SHOW FULL PROCESSLIST")
-                     if row[1] == "admin" and row[7] and "restart_apache_interval" in row[7]), None)
-    panel.sql(f"KILL {wait_until(waiting)}")
+        rows = panel.sql("SELECT id FROM information_schema.processlist WHERE user = 'admin' "
+                         "AND state LIKE 'Waiting for%%lock' AND info LIKE '%%restart_apache_interval%%'")
+        return rows and rows[0][0]
+    panel.sql(f"KILL {what} {wait_until(waiting)}")
 
 
 def test_connection_that_breaks_before_the_wait_ends_the_run(panel, site, tmp_path):
@@ -994,7 +1008,7 @@ def test_connection_that_breaks_before_the_wait_ends_the_run(panel, site, tmp_pa
             wait_until_blocked(panel)
             panel.sql("LOCK TABLES misc WRITE")
             locks.give_back(GENERATE)
-            kill_connection_that_waits_for_misc(panel)
+            kill_what_waits_for_misc(panel, "CONNECTION")
             result = run.result()
             panel.sql("UNLOCK TABLES")
         assert adoption.next_end()[1] == 1
@@ -1006,6 +1020,20 @@ def test_connection_that_breaks_before_the_wait_ends_the_run(panel, site, tmp_pa
     assert is_current(panel)
     assert calls(panel) == []
     assert_nothing_is_held(panel)
+
+
+def test_interval_that_cannot_be_read_counts_as_900_seconds(panel, site):
+    panel.misc("restart_apache_interval", "60")
+    record_against_frozen_clock(panel, 100)
+    with clock_stands_still(panel), UtilitiesLocks() as locks:
+        assert locks.take(GENERATE)
+        assert panel.run(*RECONFIGURE).status == 0
+        wait_until_blocked(panel)
+        panel.sql("LOCK TABLES misc WRITE")
+        locks.give_back(GENERATE)
+        kill_what_waits_for_misc(panel, "QUERY")
+        panel.sql("UNLOCK TABLES")
+        assert watch.sleep_of(watch.wait_for_sleeper(panel)) == 800
 
 
 def test_no_daemon_run_restarts_even_when_the_settings_have_vanished_meanwhile(panel, site):

@@ -139,13 +139,24 @@ def sleep_of(pid):
         with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
             memory.seek(int(words[1 + times[int(words[0])]], 16))
             return struct.unpack("qq", memory.read(16))[0]
-    except (FileNotFoundError, ProcessLookupError):
+    except (OSError, struct.error):  # it has ended meanwhile
         return None
 
 
 def wait_for_sleeper(panel):
     """The id of the process that waits out the restart interval, once there is one."""
     return wait_until(lambda: next((pid for pid in processes(panel) if sleep_of(pid) is not None), None))
+
+
+@contextlib.contextmanager
+def stopped(pid):
+    """Stops a process where it is, for as long as the test needs. A sleep that is over by then ends at once."""
+    os.kill(pid, signal.SIGSTOP)
+    try:
+        wait_until(lambda: state(pid) == "T")
+        yield
+    finally:
+        os.kill(pid, signal.SIGCONT)
 
 
 def kill(pid):
@@ -164,7 +175,7 @@ def kill(pid):
 class Adoption:
     """How detached processes end, which only the parent that adopted them learns. Runs must have been waited for."""
 
-    def next_end(self, seconds=30):
+    def next_end(self, seconds=60):
         """(id, exit status or negative signal) of the next one that ends."""
         deadline = time.monotonic() + seconds
         while True:
