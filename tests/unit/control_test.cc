@@ -217,10 +217,36 @@ TEST_F(web_server, may_share_a_generic_services_name) {
   EXPECT_EQ(calls(), (names{"network start", "network status"}));
 }
 
-TEST_F(web_server, name_is_told_by_its_first_nine_bytes) {
-  const other_script script("postgresq-web", "log_call $1");
-  EXPECT_TRUE(quiet(act_with_web_server("postgresq-web", "postgresql", "stop")));
-  EXPECT_EQ(calls(), (names{"postgresq-web stop", "apache_cleanup.sh"}));
+TEST_F(web_server, name_is_told_by_its_first_nine_bytes_in_any_case) {
+  for (const char *configured : {"postgresq-web", "PostgresQ-web"}) {
+    write_file("/var/log/kiv-services/calls.log", "");
+    const other_script script(configured, "log_call $1");
+    EXPECT_TRUE(quiet(act_with_web_server(configured, "postgresql", "stop")));
+    EXPECT_EQ(calls(), (names{std::string(configured) + " stop", "apache_cleanup.sh"}));
+  }
+}
+
+TEST_F(web_server, name_that_differs_in_the_ninth_byte_is_another) {
+  EXPECT_TRUE(quiet(act_with_web_server("postgres-web", "postgresql", "stop")));
+  EXPECT_EQ(calls(), names{"postgresql stop"});
+}
+
+TEST_F(web_server, may_have_a_name_that_begins_like_that_of_another_service) {
+  for (const char *name : {"tomcat4x", "coldfusion2", "jrunner"}) {
+    write_file("/var/log/kiv-services/calls.log", "");
+    const other_script script(name, "log_call $1");
+    EXPECT_TRUE(quiet(act_with_web_server(name, name, "stop")));
+    EXPECT_EQ(calls(), (names{std::string(name) + " stop", "apache_cleanup.sh"}));
+  }
+}
+
+TEST_F(web_server, with_the_name_of_tomcat_coldfusion_or_jrun_in_any_case_is_handled_like_it) {
+  set_misc("cf_instance_path", "'/usr/local/kiv/coldfusion'");
+  for (const char *service : {"tomcat4", "coldfusion", "jrun"})
+    set_running(service);
+  for (const char *name : {"TomCat4", "ColdFusion", "JRun"})
+    EXPECT_TRUE(quiet(act_with_web_server(name, name, "status"))) << name;
+  EXPECT_EQ(calls(), (names{"tomcat4 status", "coldfusion status", "jrun status"}));
 }
 
 TEST_F(web_server, comes_after_tomcat_in_the_choice_of_handling) {
