@@ -2,6 +2,7 @@
 
 #include "support.h"
 
+#include <csignal>
 #include <cstdio>
 #include <unistd.h>
 
@@ -149,10 +150,10 @@ TEST(report, message_with_its_own_newline_has_an_empty_line_before_the_system_er
   const program_path name("halyard");
   EXPECT_TRUE(reported(run_in_child([] {
                          errno = ENOENT;
-                         report_failure(1, 1, "Parameter %s is not defined\n", "port");
+                         report_failure(1, 1, "Miss parameter '%s' or previos parameter empty.\n", "port");
                        }),
                        1,
-                       "halyard: Parameter port is not defined\n"
+                       "halyard: Miss parameter 'port' or previos parameter empty.\n"
                        "\n"
                        "System error 2: No such file or directory\n"));
 }
@@ -243,6 +244,19 @@ TEST(report, status_is_kept_when_a_stream_is_closed) {
   });
   EXPECT_EQ(no_error.status, 3);
   EXPECT_EQ(no_error.out, "text\n");
+}
+
+TEST(report, message_is_in_the_log_before_standard_output_can_fail) {
+  const outcome run = run_in_child([] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0)
+      std::abort();
+    close(ends[0]);
+    std::signal(SIGPIPE, SIG_DFL);
+    report_failure(3, 1, "text");
+  });
+  EXPECT_EQ(run.err, "text\n");
+  EXPECT_EQ(run.signal, SIGPIPE);
 }
 
 TEST(report, message_is_flushed_at_once) {
