@@ -153,6 +153,25 @@ TEST_F(discovery, last_line_needs_no_newline) {
   EXPECT_EQ(discover().out, "22.3 20051115");
 }
 
+TEST_F(discovery, patch_level_may_be_the_last_character_of_all_or_missing) {
+  const struct {
+    const char *version;
+    const char *found;
+  } cases[] = {
+      {"2.2.3", "22.3 20051115"},
+      {"2.2.", "22.0 20051115"},
+      {"2.2", "22.0 20051115"},
+      {"2.0.54", "20.54 20051115"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.version);
+    own_apache(
+        std::string("printf \"Server's Module Magic Number: 20051115:3\\nServer version: Apache/%s\" ") +
+        c.version + "\n");
+    EXPECT_EQ(discover().out, c.found);
+  }
+}
+
 TEST_F(discovery, build_information_on_standard_error_counts_too) {
   own_apache("echo 'Server version: Apache/2.2.3' >&2\n"
              "echo \"Server's Module Magic Number: 20051115:3\"\n");
