@@ -235,6 +235,15 @@ def test_domain_of_a_panel_without_coldfusion_is_written_without_the_block_and_w
     assert panel.domain_file("example.test") == plain.replace("plain.test", "example.test")
 
 
+def test_port_is_not_asked_for_where_there_is_no_instance(panel):
+    configure_coldfusion(panel, kind=None)
+    panel.domain("example.test", coldfusion="true")
+    with panel.statements() as statements:
+        panel.run("--add-protection", "--vhost-name=example.test", "-w", "-v")
+    assert [text for text in statements if "cf_instance" in text] == \
+        ["select val from misc where param='cf_instance_type'"]
+
+
 def test_warning_comes_once_per_host(panel):
     panel.domain("example.test", ssl="true", coldfusion="true")
     result = panel.run("--add-protection", "--vhost-name=example.test", "-w", "-v")

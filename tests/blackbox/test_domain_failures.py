@@ -191,26 +191,67 @@ def test_settings_of_a_domain_that_cannot_be_read_count_as_off(panel):
     assert panel.domain_file("example.test") == text
 
 
-@pytest.mark.parametrize("account, message", [
-    ("/etc/passwd", "Unable to getpwnam for user wwwrun"),
-    ("/etc/group", "getgrnam(kivcln): Success"),
-])
-def test_fixed_account_that_is_missing_is_reported_and_survived(panel, account, message):
-    panel.domain("example.test")
-    text = domain_text(panel, "example.test")
+def lose_fixed_account(account):
+    """Takes the web server's user (/etc/passwd) or the group of all hosting accounts (/etc/group) away."""
     name = "wwwrun:" if account == "/etc/passwd" else "kivcln:"
     with open(account, encoding="utf-8") as lines:
         kept = [line for line in lines if not line.startswith(name)]
     with open(account, "w", encoding="utf-8") as lines:
         lines.writelines(kept)
+
+
+NO_WEB_SERVER_USER = after_user_lookup("Unable to getpwnam for user wwwrun")
+NO_HOSTING_GROUP = ["getgrnam(kivcln): Success",
+                    with_error("getgrnam(kivcln): No such file or directory", errno.ENOENT)]
+
+
+# The domain asks for the user, its subdomains do once more; the group is asked for by the domain and by each subdomain.
+@pytest.mark.parametrize("account, messages", [
+    ("/etc/passwd", [NO_WEB_SERVER_USER, NO_WEB_SERVER_USER]),
+    ("/etc/group", [NO_HOSTING_GROUP, NO_HOSTING_GROUP, NO_HOSTING_GROUP]),
+])
+def test_fixed_account_that_is_missing_is_reported_and_survived(panel, account, messages):
+    domain = panel.domain("example.test")
+    panel.subdomain(domain, "blog")
+    panel.subdomain(domain, "shop")
+    text = domain_text(panel, "example.test")
+    lose_fixed_account(account)
     result = write_domain(panel, "example.test")
     assert result.status == 0
     assert panel.domain_file("example.test") == text
-    if account == "/etc/passwd":
-        # Asked for by the domain and again by its subdomains.
-        assert_reported(result, after_user_lookup(message), after_user_lookup(message))
-    else:
-        assert_reported(result, [message, with_error("getgrnam(kivcln): No such file or directory", errno.ENOENT)])
+    assert_reported(result, *messages)
+
+
+def test_troubles_of_a_domain_are_reported_in_the_order_of_its_preparation(panel):
+    panel.domain("example.test", directories=False, user="owner", system_user=False)
+    lose_fixed_account("/etc/passwd")
+    words = lose_table(panel, "DomainServices")
+    lose_fixed_account("/etc/group")
+    result = write_domain(panel, "example.test")
+    assert result.status == 1
+    assert_reported(result, NO_WEB_SERVER_USER, after_database(f"Unable to define tomcat status: {words}"),
+                    NO_HOSTING_GROUP,
+                    with_error(f"Unable to open file {WORK} for writing: No such file or directory\n", errno.ENOENT))
+
+
+def test_troubles_of_a_subdomain_are_reported_in_the_order_of_its_preparation(panel):
+    panel.subdomain(panel.domain("example.test"), "blog", user="blogger", system_user=False)
+    lose_fixed_account("/etc/passwd")
+    lose_fixed_account("/etc/group")
+    result = write_domain(panel, "example.test")
+    assert result.status == 0
+    assert_reported(result, NO_WEB_SERVER_USER, NO_HOSTING_GROUP, NO_WEB_SERVER_USER, NO_HOSTING_GROUP,
+                    after_user_lookup("User blogger does not exist for blog.example.test, subdomains skipped\n"),
+                    after_user_lookup("Error in print subdomains configuration for example.test\n"))
+
+
+def test_web_servers_user_is_looked_for_before_the_name_of_a_domain(panel):
+    nameless = panel.domain("nameless.test")
+    panel.sql("UPDATE domains SET name = '' WHERE id = %s", nameless)
+    lose_fixed_account("/etc/passwd")
+    result = panel.run("--reconfigure-all", "-w", "-v")
+    assert result.status == 1
+    assert_reported(result, NO_WEB_SERVER_USER, after_user_lookup("Error: empty DomainName"))
 
 
 # Users

@@ -361,6 +361,7 @@ def test_piped_log_replaces_the_access_logs_of_all_hosts(panel, value, piped):
     ("2147483647", "-1", ["Bandwidth all 2147483647"]),
     ("4294967301", "", ["Bandwidth all 5"]),
     ("2147483648", "", ["Bandwidth all -2147483648"]),
+    ("010", "0x10", ["Bandwidth all 10", "MaxConnection all 0"]),
 ])
 def test_limits_are_written_when_they_are_not_negative(panel, bandwidth, connections, lines):
     panel.domain("example.test", traffic_bandwidth=bandwidth, max_connection=connections)
@@ -427,7 +428,8 @@ def test_domain_without_active_web_application_has_no_mod_jk(panel):
     assert "mod_jk" not in domain_text(panel, "example.test")
 
 
-@pytest.mark.parametrize("status, is_on", [("0", True), ("1", False), ("-1", False), (None, False), ("", True)])
+@pytest.mark.parametrize("status, is_on", [("0", True), ("1", False), ("2", False), ("-1", False), (None, False),
+                                           ("", True)])
 def test_web_applications_need_a_tomcat_service_of_status_zero(panel, status, is_on):
     domain = panel.domain("example.test")
     panel.web_app(panel.service(domain, status=status), "shop")

@@ -124,6 +124,12 @@ def test_path_that_only_looks_like_the_statistics_is_a_document(panel, path):
         protection(f"{SITE}/httpdocs/{path}", "Paper", f"{PASSWORDS}/d..httpdocs@{path.replace('/', '@')}")
 
 
+def test_statistics_path_with_a_second_slash_in_front_is_a_document(panel):
+    panel.protect(panel.domain("example.test", ssl="true", webstat="webalizer"), "//quarry-stat", "Paper")
+    assert protections(plain_host(panel)) == \
+        protection(f"{SITE}/httpdocs//quarry-stat", "Paper", f"{PASSWORDS}/d..httpdocs@@quarry-stat")
+
+
 def test_statistics_path_is_a_document_where_there_are_no_statistics(panel):
     panel.protect(panel.domain("example.test", ssl="true", webstat="none"), "quarry-stat/logs", "Paper")
     assert protections(plain_host(panel)) == \

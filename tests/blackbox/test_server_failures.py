@@ -82,6 +82,13 @@ def test_target_is_reported_before_the_name_that_ends_the_run(panel):
     installed.assert_untouched()
 
 
+@pytest.mark.parametrize("kind", ["none", None])
+def test_target_of_a_stale_forwarding_row_is_reported_too(panel, kind):
+    panel.forwarding("forward.test", "http://shop..test/", kind)
+    assert_reported(panel.run(*SERVER_WIDE), 0, ("idn_toascii() failed: Invalid length", UNSETTLED))
+    assert "forward.test" not in panel.server_file()
+
+
 def test_domain_name_that_is_not_utf_8_ends_the_run(panel):
     domain = panel.forwarding("forward.test", URL)
     panel.sql("ALTER TABLE domains MODIFY name VARBINARY(255)")

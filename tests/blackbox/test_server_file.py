@@ -403,7 +403,8 @@ def test_stale_forwarding_row_of_a_physical_domain_gives_nothing_but_the_include
     assert "target.example" not in text
 
 
-@pytest.mark.parametrize("kind", ["none", "", None, "std_fw", "fwd", "STD_FWD", "FRM_FWD", " std_fwd"])
+@pytest.mark.parametrize("kind", ["none", "", None, "std_fw", "std_fwx", "frm_fw", "frm_fwx", "fwd",
+                                  "STD_FWD", "FRM_FWD", " std_fwd"])
 def test_other_hosting_types_get_no_forwarding_host(panel, kind):
     panel.forwarding("forward.test", "http://target.example/", kind)
     assert "forward.test" not in write(panel)

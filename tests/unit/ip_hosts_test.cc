@@ -10,6 +10,7 @@
 #include "gen/forward.h"
 #include "gen/server_config.h"
 #include "support.h"
+#include "support_database.h"
 
 #include <cerrno>
 #include <csignal>
@@ -591,4 +592,21 @@ TEST_F(Connectors, missing_coldfusion_settings_give_nothing_but_a_warning) {
                          "System error 11: Resource temporarily unavailable\n")
       << run.out;
   EXPECT_EQ(run.err, run.out);
+}
+
+TEST_F(Connectors, coldfusion_port_that_cannot_be_read_gives_nothing_but_a_warning) {
+  set("cf_instance_type", "'server'");
+  set("cf_instance_path", "'/opt/cf'");
+  set("cf_instance_port", "'2920'");
+  constexpr int CONNECTION_KIND_AND_PATH = 4 + 2;
+  const statement_limit limit(CONNECTION_KIND_AND_PATH);
+  const outcome run = run_in_child([] {
+    const unique_connection db = connect();
+    EXPECT_EQ(text_of([&](FILE *out) { print_coldfusion(out, db.get()); }), "");
+  });
+  EXPECT_TRUE(
+      said(run, 0,
+           {"Unable to query parameter by query select val from misc where param='cf_instance_port': " +
+                too_many_statements(CONNECTION_KIND_AND_PATH) + "\n",
+            "ColdFusion paths is not configured in Quarry DB\n"}));
 }

@@ -394,14 +394,15 @@ TEST_F(print_block, error_page_may_be_anything_that_exists) {
 
 // Parts of a host
 
-TEST_F(print_block, trace_is_refused_by_rewriting_before_apache_2_0_55_only) {
+TEST_F(print_block, trace_is_refused_by_rewriting_on_apache_2_0_before_2_0_55_only) {
   struct release {
     int version;
     int minor;
     bool refused;
   };
-  for (const release &apache : {release{20, 0, true}, release{20, 54, true}, release{20, 55, false},
-                                release{20, 64, false}, release{22, 0, false}, release{22, 54, false}}) {
+  for (const release &apache :
+       {release{20, 0, true}, release{20, 54, true}, release{20, 55, false}, release{20, 64, false},
+        release{22, 0, false}, release{22, 54, false}, release{13, 34, false}}) {
     apache_version = apache.version;
     apache_minor = apache.minor;
     EXPECT_EQ(written(print_trace_refusal), apache.refused ? "<IfModule mod_rewrite.c>\n"
