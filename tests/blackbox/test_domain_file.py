@@ -3,6 +3,7 @@
 import collections
 import ctypes
 import os
+import pathlib
 import stat
 import struct
 
@@ -189,6 +190,18 @@ def test_aliases_without_www_prefix_stand_alone(panel):
             "\tServerAdmin") in domain_text(panel, "example.test")
 
 
+def test_alias_that_is_a_www_name_or_the_domains_own_is_written_like_any_other(panel):
+    domain = panel.domain("example.test", www=True)
+    panel.alias(domain, "www.a.test")
+    panel.alias(domain, "example.test")
+    assert ("\tUseCanonicalName Off\n"
+            "\tServerAlias  www.a.test\n"
+            "\tServerAlias  www.www.a.test\n"
+            "\tServerAlias  example.test\n"
+            "\tServerAlias  www.example.test\n"
+            "\tServerAdmin") in domain_text(panel, "example.test")
+
+
 def test_domain_leaves_the_www_name_to_a_subdomain_that_has_it(panel):
     domain = panel.domain("example.test", www=True)
     panel.subdomain(domain, "www")
@@ -257,6 +270,17 @@ def test_plain_host_carries_the_statistics_where_there_is_no_ssl(panel):
             "\tAlias  /awstats-icon /usr/share/kiv-awstats\n"
             "\t<IfModule mod_ssl.c>\n"
             "\t\tSSLEngine off\n") in domain_text(panel, "example.test")
+
+
+@pytest.mark.parametrize("make, path", [
+    (pathlib.Path.mkdir, "/usr/share/kiv-awstats/icon"),
+    (pathlib.Path.touch, "/usr/share/kiv-awstats/icon"),
+    (lambda icon: icon.symlink_to("/nowhere"), "/usr/share/kiv-awstats"),
+], ids=["directory", "file", "dangling link"])
+def test_icons_of_the_statistics_are_in_whatever_icon_exists_or_else_beside_it(panel, make, path):
+    make(AWSTATS_DOC_D / "icon")
+    panel.domain("example.test", webstat="awstats")
+    assert f"\tAlias  /awstats-icon {path}\n" in domain_text(panel, "example.test")
 
 
 @pytest.mark.parametrize("switches, line", [

@@ -136,7 +136,9 @@ def test_alias_that_is_off_or_not_for_the_web_is_not_listed(panel, kind, templat
 def test_aliases_are_written_as_stored(panel, kind, template):
     panel.forwarding("forward.test", URL, kind)
     panel.alias("forward.test", "BÜCHER.test")
-    aliases = "\tServerAlias  BÜCHER.test\n\tServerAlias  www.BÜCHER.test\n"
+    panel.alias("forward.test", "www.a.test")
+    aliases = ("\tServerAlias  BÜCHER.test\n\tServerAlias  www.BÜCHER.test\n"
+               "\tServerAlias  www.a.test\n\tServerAlias  www.www.a.test\n")
     assert host_of(write(panel), "forward.test") == template.format(aliases=aliases, trace="", url=URL)
 
 

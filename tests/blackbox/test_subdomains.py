@@ -322,7 +322,36 @@ def test_setting_that_cannot_be_read_leaves_error_pages_as_the_subdomain_before_
         assert (ERROR_PAGES_LINE in host(text, f"{name}.example.test:80")) == is_on
 
 
+def test_error_pages_of_a_domain_before_are_nothing_to_the_subdomains_of_the_next(panel):
+    first = panel.domain("first.test")
+    panel.dom_param(first, "apacheErrorDocs", "false")
+    panel.subdomain(first, "blog")
+    second = panel.domain("second.test")
+    panel.dom_param(second, "apacheErrorDocs", "false")
+    panel.subdomain(second, "blog")
+    words = fail_from_read(panel, "dom_param", 3)
+    result = panel.run("--set-certificate", "--ip-address=192.0.2.10", "-w", "-v")
+    assert result.status == 0
+    message = after_database(f"Unable to query domain parameter apacheErrorDocs: {words}\n")
+    assert_reported(result, message, message)
+    assert "error_docs" not in panel.domain_file("first.test")
+    text = panel.domain_file("second.test")
+    assert "error_docs" not in host(text, "second.test:80")
+    assert '\tAlias "/error_docs" "/srv/kiv/vhosts/second.test/error_docs"\n' in host(text, "blog.second.test:80")
+
+
 # Miva's data
+
+def test_miva_data_directory_of_a_subdomain_is_made_after_both_of_its_hosts(panel):
+    domain = panel.domain("example.test")
+    panel.alias(domain, "a.test")
+    panel.subdomain(domain, "blog", miva="true")
+    panel.subdomain(domain, "wiki", miva="true", ssl="true")
+    fail_from_read(panel, "domainaliases", 4)  # the domain, the blog, the wiki over SSL, the wiki
+    assert write_domain(panel, "example.test").status == 1
+    assert (domain.directory / "subdomains/blog/mivadata").is_dir()
+    assert not (domain.directory / "subdomains/wiki/mivadata").exists()
+
 
 def test_miva_data_directory_of_a_subdomain_is_made_with_miva_only(panel):
     domain = panel.domain("example.test")
