@@ -409,6 +409,10 @@ TEST_F(service_status, without_a_row_is_minus_one) {
   EXPECT_EQ(get_service_status("1", "tomcat", nullptr), -1);
 }
 
+TEST_F(service_status, that_is_null_counts_as_no_service) {
+  EXPECT_EQ(tomcat_with("NULL"), -1);
+}
+
 TEST_F(service_status, is_asked_for_with_exactly_this_statement) {
   const admin_connection db;
   const statement_log log;

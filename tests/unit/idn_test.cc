@@ -137,6 +137,11 @@ TEST_F(name_conversion, of_bytes_that_are_not_utf8_fails_with_code_9) {
   EXPECT_EQ(idn_last_error, 9);
 }
 
+TEST_F(name_conversion, of_characters_unknown_to_the_rules_fails_with_code_1) {
+  EXPECT_EQ(ascii("b\U0001F600cher.example"), "null");
+  EXPECT_EQ(idn_last_error, 1);
+}
+
 TEST_F(name_conversion, that_succeeds_keeps_the_code_of_the_last_failure) {
   ascii(LONG_LABEL.c_str());
   EXPECT_EQ(ascii("example.com"), "example.com");
@@ -197,6 +202,11 @@ TEST_F(url_conversion, never_converts_path_query_or_user) {
             "http://example.com/gr\u00fc\u00dfe?q=\u00fc");
   EXPECT_EQ(url("http://j\u00f6rg@b\u00fccher.example/\u00fc"),
             "http://j\u00f6rg@xn--bcher-kva.example/\u00fc");
+}
+
+TEST_F(url_conversion, takes_line_ends_for_characters_like_any_other) {
+  EXPECT_EQ(url("http://b\u00fccher.example/a\nhttp://b"), "http://xn--bcher-kva.example/a\nhttp://b");
+  EXPECT_EQ(url("http://example.com/a\n"), "http://example.com/a\n");
 }
 
 TEST_F(url_conversion, takes_an_unknown_scheme_for_the_host) {

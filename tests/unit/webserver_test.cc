@@ -73,6 +73,7 @@ TEST_F(discovery, supported_versions_are_2_0_and_2_2_with_their_patch_level) {
       {"Apache/2.0.0", "20.0 20020903"},
       {"Apache/2.2.0", "22.0 20020903"},
       {"Apache/2.2.15", "22.15 20020903"},
+      {"Apache/2.2.010", "22.10 20020903"},
       {"Apache/2.2.15 (Unix)", "22.15 20020903"},
       {"Apache/2.2.3-dev", "22.3 20020903"},
       {"Apache/2.0.64 (Debian) PHP/5.2.4", "20.64 20020903"},
