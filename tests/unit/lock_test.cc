@@ -17,7 +17,9 @@
 
 namespace {
 
+// What the system's functions below are to fail at: any close, with EIO; any flock, with this number.
 bool close_fails = false;
+int flock_error = 0;
 
 constexpr char LOCK_DIRECTORY[] = "/var/lock/files";
 constexpr char EXAMPLE[] = "/etc/example.cnf";
@@ -185,6 +187,27 @@ TEST_F(lock, that_is_interrupted_is_neither_held_nor_busy) {
     const unique_lock second = lock_file(EXAMPLE);
     return second->fd < 0 && lock_is_held(second.get()) == 0 ? 0 : 1;
   })));
+}
+
+TEST_F(lock, that_is_refused_is_0_when_busy_and_negative_otherwise) {
+  const struct {
+    int error;
+    bool busy;
+  } cases[] = {{EAGAIN, true}, {ENOLCK, false}, {EIO, false}, {EINTR, false}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.error);
+    EXPECT_TRUE(quiet(run_in_child([&] {
+      const int free_descriptor = dup(0);
+      close(free_descriptor);
+      flock_error = c.error;
+      const unique_lock handle = lock_file(EXAMPLE);
+      if (lock_is_held(handle.get()) != 0 || handle->path.get() != std::string(EXAMPLE_LOCK))
+        return 1;
+      if (fcntl(free_descriptor, F_GETFD) != -1) // the lock file's is closed
+        return 2;
+      return (c.busy ? handle->fd == 0 : handle->fd == -1) ? 0 : 3;
+    })));
+  }
 }
 
 TEST_F(lock, without_memory_for_its_handle_is_null_without_a_word) {
@@ -582,7 +605,15 @@ TEST_F(edit, of_any_other_kind_is_refused_and_the_file_left_alone) {
 
 } // namespace
 
-// The system's close, which a test above lets fail.
+// The functions of the system that the tests above let fail.
+extern "C" int flock(int fd, int operation) noexcept {
+  if (flock_error != 0) {
+    errno = flock_error;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_flock, fd, operation));
+}
+
 extern "C" int close(int fd) {
   if (close_fails) {
     errno = EIO;

@@ -24,6 +24,8 @@ std::string vanishing_entry;    // is gone when it was looked at
 std::string replaced_directory; // is a link to a directory outside when it was looked at for the second time
 int fchdirs_that_succeed = -1;  // any number
 bool closedir_fails = false;
+bool close_fails = false;
+std::string vanishing_directory; // is gone when it is to be removed
 
 const char NOT_PERMITTED[] = "System error 1: Operation not permitted\n";
 const char DENIED[] = "System error 13: Permission denied\n";
@@ -372,6 +374,18 @@ TEST_F(tree, file_that_vanishes_before_it_is_unlinked_is_no_failure) {
   EXPECT_EQ(list(), "");
 }
 
+TEST_F(tree, directory_that_vanishes_before_it_is_removed_is_no_failure) {
+  directory("a");
+  for (const std::string &name : {std::string("a"), top}) {
+    EXPECT_TRUE(quiet(run_in_child([&] {
+      vanishing_directory = name;
+      remove_tree(top.c_str(), true);
+    }))) << name;
+    EXPECT_FALSE(exists(top));
+    make_directories(top);
+  }
+}
+
 TEST_F(tree, directory_that_may_not_be_read_ends_the_run) {
   ASSERT_EQ(chmod(top.c_str(), 0711), 0);
   EXPECT_TRUE(
@@ -420,6 +434,16 @@ TEST_F(tree, way_back_that_is_barred_ends_the_run) {
     fchdirs_that_succeed = 1;
     const outcome run = (this->*walk)(true);
     fchdirs_that_succeed = -1;
+    EXPECT_TRUE(reported(
+        run, 1, std::string("Unable to restore & close current dir: Input/output error\n\n") + IO_ERROR));
+  }
+}
+
+TEST_F(tree, way_back_that_cannot_be_closed_ends_the_run) {
+  for (const auto &walk : {&tree::remove, &tree::rename_all}) {
+    close_fails = true;
+    const outcome run = (this->*walk)(true);
+    close_fails = false;
     EXPECT_TRUE(reported(
         run, 1, std::string("Unable to restore & close current dir: Input/output error\n\n") + IO_ERROR));
   }
@@ -638,6 +662,20 @@ extern "C" int fchdir(int fd) noexcept {
   if (fchdirs_that_succeed > 0)
     --fchdirs_that_succeed;
   return static_cast<int>(syscall(SYS_fchdir, fd));
+}
+
+extern "C" int rmdir(const char *path) noexcept {
+  if (vanishing_directory == path)
+    unlinkat(AT_FDCWD, path, AT_REMOVEDIR);
+  return unlinkat(AT_FDCWD, path, AT_REMOVEDIR);
+}
+
+extern "C" int close(int fd) {
+  if (close_fails) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_close, fd));
 }
 
 extern "C" int closedir(DIR *directory) {
