@@ -403,11 +403,13 @@ def test_document_root_whose_mode_cannot_be_set_ends_an_installation(panel):
     assert not is_locked(fake_cnf())
 
 
-def test_mode_that_cannot_be_set_names_the_domain_as_given(panel):
+@pytest.mark.parametrize("option, status", [("install-fp", 1), ("remove-fp", 0)])
+def test_mode_that_cannot_be_set_names_the_domain_as_given(panel, option, status):
     panel.domain(DOMAIN)
     panel.directories("Example.TEST")
+    www_cnf().symlink_to(site_cnf())
     replace_owsadm(f"rm -r {docs('Example.TEST')}; ln -s /nonexistent {docs('Example.TEST')}\n")
-    assert_reported(run(panel, "install-fp", name="Example.TEST"), 1, report(
+    assert_reported(run(panel, option, name="Example.TEST"), status, report(
         "fp_shim: unable to chmod /srv/kiv/vhosts/Example.TEST/httpdocs for server Example.TEST: "
         "No such file or directory\n", ENOENT))
 

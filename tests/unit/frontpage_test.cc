@@ -107,7 +107,7 @@ TEST_F(frontpage, server_type_of_an_installation_follows_the_generation_of_apach
     const char *out;
   } const cases[] = {{1, "apache-2.0\nresult 0\n"}, {0, "apache-fp\nresult 0\n"}};
   for (const auto &[apache2, out] : cases) {
-    const outcome run = run_in_child([=] {
+    const outcome run = run_in_child([apache2 = apache2] {
       Apache2 = apache2;
       manage(FP_INSTALL);
     });
@@ -166,6 +166,30 @@ TEST_F(frontpage, lock_that_cannot_be_released_ends_the_run) {
                            "\nSystem error 9: Bad file descriptor\n"
                            "fp_shim: error while trying to remove a lock file\n"
                            "\nSystem error 9: Bad file descriptor\n"));
+}
+
+TEST_F(frontpage, lock_is_released_before_a_run_without_its_stand_alone_file_ends) {
+  struct {
+    const char *place; // what stands in place of the file
+    const char *message;
+  } const cases[] = {{"directory", "mk_fake_cnf error occurred, exiting\n"},
+                     {"device", "isn't a regular file\n"}};
+  for (const auto &[place, message] : cases) {
+    SCOPED_TRACE(place);
+    std::filesystem::remove_all(CONF_D);
+    make_directories(CONF_D);
+    if (std::strcmp(place, "directory") == 0)
+      make_directories(FAKE_CNF);
+    else
+      ASSERT_EQ(symlink("/dev/null", FAKE_CNF.c_str()), 0);
+    const outcome run = run_in_child([] {
+      std::atexit([] { std::puts(lock_descriptor() < 0 ? "released" : "held"); });
+      manage(FP_ENABLE);
+    });
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find(message), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.ends_with("released\n")) << run.out;
+  }
 }
 
 TEST_F(frontpage, lock_is_free_for_the_next_operation_of_the_same_process) {
