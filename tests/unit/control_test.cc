@@ -480,11 +480,13 @@ TEST_F(init_script_run, that_is_killed_is_reported_with_the_signal_in_any_case) 
                        "Unable to status service web: daemon killed by signal 15\n"));
 }
 
-TEST_F(init_script_run, that_is_stopped_is_reported_with_the_signal_and_not_waited_for) {
+TEST_F(init_script_run, that_is_stopped_is_reported_with_the_signal_in_any_case_and_not_waited_for) {
   const temporary_directory scratch;
-  const outcome run = run_script("echo $$ >" + scratch / "pid" + "; kill -STOP $$", "restart");
-  kill(std::stoi(read_file(scratch / "pid")), SIGKILL);
-  EXPECT_TRUE(reported(run, FAILED, "Unable to restart service web: daemon stopped by signal 19\n"));
+  for (const int report : {1, 0}) {
+    const outcome run = run_script("echo $$ >" + scratch / "pid" + "; kill -STOP $$", "restart", report);
+    kill(std::stoi(read_file(scratch / "pid")), SIGKILL);
+    EXPECT_TRUE(reported(run, FAILED, "Unable to restart service web: daemon stopped by signal 19\n"));
+  }
 }
 
 TEST_F(init_script_run, that_cannot_be_executed_is_a_failure_of_the_service) {
@@ -599,6 +601,16 @@ TEST_F(graceful_restart, is_not_deceived_by_similar_commands) {
     act("apache", "graceful");
     EXPECT_EQ(calls(), names{"apache restart"}) << command;
   }
+}
+
+TEST_F(graceful_restart, looks_at_the_fifth_word_of_every_process_in_full_width) {
+  if (in_place())
+    GTEST_SKIP() << "nothing may be mounted in place";
+  const temporary_directory scratch;
+  const replaced_ps ps("echo \"$*\" >" + scratch / "arguments" + "; echo '7 ? Ss 0:00 httpd2-prefork -k start'");
+  EXPECT_TRUE(quiet(act("apache", "graceful")));
+  EXPECT_EQ(calls(), names{"apache graceful"});
+  EXPECT_EQ(read_file(scratch / "arguments"), "axww\n");
 }
 
 TEST_F(graceful_restart, has_its_own_words_in_messages) {
