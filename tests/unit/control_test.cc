@@ -607,7 +607,8 @@ TEST_F(graceful_restart, looks_at_the_fifth_word_of_every_process_in_full_width)
   if (in_place())
     GTEST_SKIP() << "nothing may be mounted in place";
   const temporary_directory scratch;
-  const replaced_ps ps("echo \"$*\" >" + scratch / "arguments" + "; echo '7 ? Ss 0:00 httpd2-prefork -k start'");
+  const replaced_ps ps("echo \"$*\" >" + scratch / "arguments" +
+                       "; echo '7 ? Ss 0:00 httpd2-prefork -k start'");
   EXPECT_TRUE(quiet(act("apache", "graceful")));
   EXPECT_EQ(calls(), names{"apache graceful"});
   EXPECT_EQ(read_file(scratch / "arguments"), "axww\n");
