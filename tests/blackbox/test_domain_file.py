@@ -4,6 +4,7 @@ import collections
 import ctypes
 import os
 import pathlib
+import re
 import stat
 import struct
 
@@ -217,6 +218,16 @@ def test_name_is_written_as_the_caller_gave_it_not_as_the_database_has_it(panel)
     assert domain_text(panel, "Example.TEST") == \
         expected("nothing-is-switched-on").replace("vhosts/example.test/", "vhosts/Example.TEST/").replace(
             "ServerName   example.test:80", "ServerName   Example.TEST:80")
+
+
+def test_subdomains_carry_the_domains_name_as_the_caller_gave_it_too(panel):
+    domain = panel.domain("example.test", miva="true")
+    panel.subdomain(domain, "blog", ssl="true", cgi="true", miva="true")
+    panel.alias(domain, "a.test")
+    text = domain_text(panel, "example.test")
+    for directory in ("Example.TEST/conf", "Example.TEST/subdomains/blog/conf"):
+        (HTTPD_VHOSTS_D / directory).mkdir(parents=True)
+    assert domain_text(panel, "Example.TEST") == re.sub(r"(?<!@)example\.test", "Example.TEST", text)
 
 
 def test_quote_in_a_domain_name_is_escaped(panel):
