@@ -24,7 +24,8 @@ int select_error = 0;
 int read_error = 0;
 int reads_that_fail = 0;
 
-// How long the last select was to wait at most.
+// How often select was called, and how long it was to wait at most the last time.
+int selects = 0;
 timeval last_timeout = {-1, -1};
 
 } // namespace
@@ -43,6 +44,7 @@ extern "C" int fcntl(int fd, int command, ...) {
 }
 
 extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout) {
+  ++selects;
   last_timeout = *timeout;
   if (select_error != 0) {
     errno = select_error;
@@ -688,10 +690,10 @@ TEST(utility, outputs_that_cannot_be_watched_are_given_up_and_the_child_is_waite
   const outcome run = run_in_child([] {
     select_error = EBADF;
     unique_text out;
-    const int result = util_exec_capture(out, SHELL, "-c", "echo x", nullptr);
-    std::printf("%d [%s]", result, out.get());
+    const int result = util_exec_capture(out, SHELL, "-c", "sleep 0.2; echo x", nullptr);
+    std::printf("%d [%s] %d", result, out.get(), selects);
   });
-  EXPECT_EQ(run.out, "0 []");
+  EXPECT_EQ(run.out, "0 [] 1");
   EXPECT_EQ(run.err, "");
 }
 
