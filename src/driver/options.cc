@@ -114,25 +114,24 @@ constexpr bool parameters_come_first() {
 }
 static_assert(parameters_come_first());
 
-// What getopt_long answers for row i; no letter comes near.
-constexpr int ROW_BASE = 1000;
-
 using long_options = std::array<option, OPTIONS.size() + 1>;
 
+// Rows without a letter share the answer 0, so that getopt_long takes the first of them that an abbreviation fits.
 constexpr long_options make_long_options() {
   long_options all{};
   for (int i = 0; i < static_cast<int>(OPTIONS.size()); ++i) {
     const std::size_t row = static_cast<std::size_t>(i);
-    all[row] = {OPTIONS[row].name, i < PARAMETERS ? required_argument : no_argument, nullptr, ROW_BASE + i};
+    all[row] = {OPTIONS[row].name, i < PARAMETERS ? required_argument : no_argument, nullptr,
+                OPTIONS[row].letter};
   }
   return all;
 }
 constexpr long_options LONG_OPTIONS = make_long_options();
 
-// The table row of getopt_long's answer, or -1.
-int row_of(int answer) {
-  if (answer >= ROW_BASE)
-    return answer - ROW_BASE;
+// The table row that getopt_long's answer stands for, or -1; `index` is what it said of a long option.
+int row_of(int answer, int index) {
+  if (answer == 0)
+    return index;
   for (int i = 0; i < static_cast<int>(OPTIONS.size()); ++i)
     if (OPTIONS[static_cast<std::size_t>(i)].letter == answer)
       return i;
@@ -165,10 +164,11 @@ void apply(command_line &line, int index, const char *argument) {
 command_line &parse_command_line(int argc, char **argv) {
   static command_line line;
   int answer;
-  while ((answer = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS.data(), nullptr)) != -1) {
+  int index = 0;
+  while ((answer = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS.data(), &index)) != -1) {
     if (answer == '?')
       end_run("Unknown option in command string, see log for details");
-    if (const int row = row_of(answer); row >= 0)
+    if (const int row = row_of(answer, index); row >= 0)
       apply(line, row, optarg);
   }
   if (optind != argc)

@@ -429,7 +429,19 @@ def test_beginning_of_restart_tomcat_that_is_longer_than_restart_means_restart_t
     assert site.misc_value("restart_tomcat") == "true"
 
 
-# Every option that shares its first letter with another: the parser lists them in the order of its table.
+@pytest.mark.parametrize("beginning, meant", [
+    ("add", "add-ip-address"),
+    ("add-", "add-ip-address"),
+    ("up", "update-protection"),
+    ("update-", "update-protection"),
+])
+def test_beginning_of_several_operations_without_a_letter_means_the_first_of_the_table(site, beginning, meant):
+    required, expected = BY_NAME[meant]
+    assert does(site, f"--{beginning}", *required, *QUIET) == expected
+
+
+# Every option that shares its first letter with another: the parser lists them in the order of its table, but leaves
+# out what it cannot tell from the first: options that have neither a letter nor an argument, like that one.
 @pytest.mark.parametrize("beginning, possibilities", [
     ("a", ["admin-name", "add-ip-address", "add-protection", "add-web-user"]),
     ("c", ["change-password-fp", "change-admin-email"]),
@@ -437,12 +449,12 @@ def test_beginning_of_restart_tomcat_that_is_longer_than_restart_means_restart_t
     ("e", ["email", "enable-fp"]),
     ("i", ["ip-address", "install-fp", "install-vhost"]),
     ("n", ["new-name", "no-daemon"]),
-    ("r", ["reset-default-domain", "remove-ip-address", "remove-protections", "remove-web-users", "remove-fp",
-           "rename-admin-fp", "reconfigure-all", "reconfigure-vhost", "remove-vhost", "restart", "restart-tomcat"]),
+    ("r", ["reset-default-domain", "reconfigure-all", "reconfigure-vhost", "remove-vhost", "restart",
+           "restart-tomcat"]),
     ("s", ["set-default-domain", "set-certificate", "start", "stop", "status"]),
     ("u", ["user-name", "update-protection", "update-web-user"]),
     ("w", ["web-user", "without-restart"]),
-    ("remove-", ["remove-ip-address", "remove-protections", "remove-web-users", "remove-fp", "remove-vhost"]),
+    ("remove-", ["remove-ip-address", "remove-vhost"]),
     ("restar", ["restart", "restart-tomcat"]),
 ])
 def test_ambiguous_beginning_is_refused(plain, beginning, possibilities):
