@@ -3,6 +3,7 @@
 #include "driver/report.h"
 
 #include <cstring>
+#include <errmsg.h>
 
 void free_result::operator()(MYSQL_RES *result) const noexcept {
   const errno_guard keep;
@@ -23,6 +24,9 @@ unique_result db_select_or_end_run(MYSQL *db, const char *sql, const char *failu
 }
 
 bool db_execute(MYSQL *db, const char *sql) {
+  // An answer that did not fit into memory may still lie in the connection, and would be taken for this one's.
+  if (mysql_errno(db) == CR_OUT_OF_MEMORY)
+    end_run("%s\n", mysql_error(db));
   return mysql_real_query(db, sql, static_cast<unsigned long>(std::strlen(sql))) == 0;
 }
 

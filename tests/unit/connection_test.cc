@@ -435,6 +435,17 @@ TEST_F(connection, that_succeeds_is_not_reported) {
   EXPECT_TRUE(quiet(run_in_child([] { return db_connect_or_report() ? 0 : 5; })));
 }
 
+TEST_F(connection, whose_last_answer_did_not_fit_into_memory_takes_no_further_statement) {
+  EXPECT_TRUE(reported(run_in_child([] {
+                         const admin_connection db;
+                         errno = 0;
+                         static_cast<MYSQL *>(db)->net.last_errno = 2008; // CR_OUT_OF_MEMORY
+                         std::strcpy(static_cast<MYSQL *>(db)->net.last_error, "Client run out of memory");
+                         db_select(db, "SELECT 1");
+                       }),
+                       1, "Client run out of memory\n"));
+}
+
 // ----------------------------------------------------------------------------------------------------- error text
 
 TEST_F(error_text, names_step_number_and_words) {
