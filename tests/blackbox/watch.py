@@ -129,7 +129,8 @@ def descriptors(pid):
 
 
 def sleep_of(pid):
-    """The number of seconds that a process has asked the system to sleep; None when it does not sleep."""
+    """The number of seconds that a process has asked the system to sleep; None when it does not sleep, or for less than
+    a second as the sanitizers do."""
     times = NANOSLEEP_CALLS[os.uname().machine]
     try:
         with open(f"/proc/{pid}/syscall", encoding="ascii") as syscall:
@@ -138,7 +139,7 @@ def sleep_of(pid):
             return None
         with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
             memory.seek(int(words[1 + times[int(words[0])]], 16))
-            return struct.unpack("qq", memory.read(16))[0]
+            return struct.unpack("qq", memory.read(16))[0] or None
     except (OSError, struct.error):  # it has ended meanwhile
         return None
 
