@@ -649,9 +649,9 @@ def test_lock_is_not_handed_down_to_what_the_administration_program_leaves_runni
 def test_operations_of_one_panel_never_overlap_whatever_their_ports(panel):
     panel.domain(DOMAIN)
     gates = [waiting_owsadm("80"), waiting_owsadm("443")]
-    one = start(panel, "enable-fp", port="80")
+    one = start(panel, "enable-fp", "-w", port="80")  # its restart would wait for the other's generation
     wait_until_begun("80")
-    two = start(panel, "enable-fp", port="443")
+    two = start(panel, "enable-fp", "-w", port="443")
     wait_until(lambda: waits_for_lock(two.pid, "POSIX"))
     open_gate(gates[0])
     assert_quiet(one.result())
