@@ -15,9 +15,8 @@ struct free_text {
 using unique_text = std::unique_ptr<char, free_text>;
 
 // Reports one failure on standard error and standard output, with the system's words for errno appended when
-// errno is set and they fit (see emit_message for the form). `exit_status` 0 returns 0, and errno is as it was
-// unless the streams fail;
-// any other ends the process with that status. `reserved` has no effect.
+// errno is set and they fit (see emit_message for the form). `exit_status` 0 returns 0, and errno is as it was unless
+// the streams fail; any other ends the process with that status. `reserved` has no effect.
 [[gnu::format(printf, 3, 4)]] int report_failure(int exit_status, int reserved, const char *format, ...);
 
 // report_failure with exit status 1, for the compiler to know that nothing comes after it.
