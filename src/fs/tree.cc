@@ -1,80 +1,64 @@
 #include "fs/tree.h"
 
 #include "fs/handles.h"
+#include "fs/walk.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <sys/stat.h>
 
 namespace {
 
-// A directory being walked from inside, and the way back.
-struct directory_walk {
-  unique_fd saved;
-  unique_dir directory;
-};
-
-directory_walk enter_directory(const char *path) {
-  directory_walk walk;
-  walk.saved.reset(open(".", O_RDONLY | O_CLOEXEC));
-  if (walk.saved.fd < 0)
-    end_run("Unable to get file descriptor of current dir: %s\n", std::strerror(errno));
-  // One descriptor for reading and for entering: whoever owns the tree cannot put a link in between.
-  unique_fd fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (fd.fd >= 0)
-    walk.directory.reset(fdopendir(fd.fd));
-  if (!walk.directory)
-    end_run("Unable to open dir %s: %s\n", path, std::strerror(errno));
-  if (fchdir(fd.release()) != 0)
-    end_run("Unable to change dir %s: %s\n", path, std::strerror(errno));
-  return walk;
+void unlink_or_end_run(int base, const char *name, const char *what, const char *label) {
+  if (unlinkat(base, name, 0) != 0 && errno != ENOENT)
+    end_run("Unable to unlink %s %s: %s\n", what, label, std::strerror(errno));
 }
 
-void leave_directory(directory_walk walk, const char *path) {
-  if (fchdir(walk.saved.fd) != 0 || walk.saved.close() != 0)
-    end_run("Unable to restore & close current dir: %s\n", std::strerror(errno));
-  if (closedir(walk.directory.release()) != 0)
-    end_run("Unable to close dir %s: %s\n", path, std::strerror(errno));
-}
-
-bool is_dot_or_dotdot(const char *name) {
-  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-void unlink_or_end_run(const char *path, const char *what) {
-  if (unlink(path) != 0 && errno != ENOENT)
-    end_run("Unable to unlink %s %s: %s\n", what, path, std::strerror(errno));
-}
-
-void remove_entries(DIR *directory) {
-  while (const dirent *entry = readdir(directory)) {
-    struct stat status;
-    if (lstat(entry->d_name, &status) != 0) {
-      if (errno == ENOENT)
-        continue;
-      end_run("Unable to check directory entry %s: %s\n", entry->d_name, std::strerror(errno));
-    }
-    if (!S_ISDIR(status.st_mode))
-      unlink_or_end_run(entry->d_name, "directory entry");
-    else if (!is_dot_or_dotdot(entry->d_name))
-      remove_tree(entry->d_name, true);
+// Whether it is to be emptied as a directory; a file or link is deleted at once.
+bool enter_for_removal(const tree_place &place) {
+  struct stat status;
+  if (fstatat(place.base, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR)
+      return false;
+    end_run("Unable to check directory entry %s: %s\n", place.label, std::strerror(errno));
   }
+  if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
+    return true;
+  unlink_or_end_run(place.base, place.name, "entry", place.label);
+  return false;
 }
 
-void rename_entries(DIR *directory, const char *old_name, const char *new_name, bool rename_here) {
-  while (const dirent *entry = readdir(directory)) {
-    struct stat status;
-    if (lstat(entry->d_name, &status) != 0)
-      end_run("Unable to check directory entry %s: %s\n", entry->d_name, std::strerror(errno));
-    if (S_ISDIR(status.st_mode)) {
-      if (!is_dot_or_dotdot(entry->d_name))
-        rename_in_tree(entry->d_name, old_name, new_name, true);
-    } else if (rename_here && S_ISREG(status.st_mode) && std::strcmp(entry->d_name, old_name) == 0) {
-      if (rename(old_name, new_name) != 0)
-        end_run("Unable to rename directory entry %s to %s: %s\n", old_name, new_name, std::strerror(errno));
-    }
+bool enter_for_renaming(const tree_place &place) {
+  struct stat status;
+  if (fstatat(place.base, place.name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+    end_run("Unable to get entry %s: %s\n", place.label, std::strerror(errno));
+  if (S_ISREG(status.st_mode))
+    report_failure(0, 0, "It's a regulat entry(not directory): %s\n", place.label);
+  return !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
+// Whether nobody but root can have made what is in the directory.
+bool only_root_writes(const unique_fd &directory) {
+  struct stat status;
+  return fstat(directory.fd, &status) == 0 && status.st_uid == 0 &&
+         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Opens a directory. Links on the way count where root made them: whoever owns a directory on the path cannot lead it
+// elsewhere. None, with errno set, when there is no such way.
+unique_fd open_trusted_directory(const std::string &path) {
+  constexpr int FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  unique_fd here(open(path.starts_with('/') ? "/" : ".", FLAGS));
+  for (std::size_t start = 0; here.fd >= 0 && start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    if (end > start)
+      here = unique_fd(openat(here.fd, path.substr(start, end - start).c_str(),
+                              only_root_writes(here) ? FLAGS : FLAGS | O_NOFOLLOW));
+    start = end + 1;
   }
+  return here;
 }
 
 } // namespace
@@ -96,46 +80,55 @@ int mkdir_owned(const char *path, uid_t uid, gid_t gid, mode_t mode) {
   };
 
   errno = 0;
-  if (mkdir(path, mode) != 0 && errno != EEXIST)
+  const char *slash = std::strrchr(path, '/');
+  const char *name = slash != nullptr ? slash + 1 : path;
+  const unique_fd parent = open_trusted_directory(std::string(path, name));
+  if (parent.fd < 0 || (mkdirat(parent.fd, name, mode) != 0 && errno != EEXIST))
     return failed("mkdir");
-  if (chown(path, uid, gid) != 0 && errno != ENOENT)
+  const unique_fd made(openat(parent.fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (made.fd < 0 && errno == ENOENT)
+    return 0; // somebody has removed it meanwhile
+  if (made.fd < 0 || fchown(made.fd, uid, gid) != 0)
     return failed("chown");
-  if (chmod(path, mode) != 0 && errno != ENOENT)
+  if (fchmod(made.fd, mode) != 0)
     return failed("chmod");
   return 0;
 }
 
 void remove_tree(const char *path, bool remove_top) {
-  struct stat status;
-  if (lstat(path, &status) != 0) {
-    if (errno == ENOENT || errno == ENOTDIR)
-      return;
-    end_run("Unable to check directory entry %s: %s\n", path, std::strerror(errno));
-  }
-  if (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode)) {
-    unlink_or_end_run(path, "entry");
-    return;
-  }
+  remove_tree_at(AT_FDCWD, path, path, remove_top);
+}
 
-  directory_walk walk = enter_directory(path);
-  remove_entries(walk.directory.get());
-  leave_directory(std::move(walk), path);
-  if (remove_top && rmdir(path) != 0 && errno != ENOENT)
-    end_run("Unable to remove dir %s: %s\n", path, std::strerror(errno));
+void remove_tree_at(int base, const char *name, const char *label, bool remove_top) {
+  walk_tree(
+      {base, name, label},
+      {
+          .enter = enter_for_removal,
+          .entry = [](const char *entry, const struct stat & /*status*/,
+                      bool /*at_top*/) { unlink_or_end_run(AT_FDCWD, entry, "directory entry", entry); },
+          .left =
+              [=](const tree_place &place, bool is_top) {
+                if (is_top && !remove_top)
+                  return;
+                if (unlinkat(place.base, place.name, AT_REMOVEDIR) != 0 && errno != ENOENT)
+                  end_run("Unable to remove dir %s: %s\n", place.label, std::strerror(errno));
+              },
+          .entries_may_vanish = true,
+      });
 }
 
 void rename_in_tree(const char *directory, const char *old_name, const char *new_name, bool rename_here) {
-  struct stat status;
-  if (lstat(directory, &status) != 0)
-    end_run("Unable to get entry %s: %s\n", directory, std::strerror(errno));
-  if (S_ISLNK(status.st_mode))
-    return;
-  if (S_ISREG(status.st_mode)) {
-    report_failure(0, 0, "It's a regulat entry(not directory): %s\n", directory);
-    return;
-  }
-
-  directory_walk walk = enter_directory(directory);
-  rename_entries(walk.directory.get(), old_name, new_name, rename_here);
-  leave_directory(std::move(walk), directory);
+  const auto rename_entry = [=](const char *entry, const struct stat &status, bool at_top) {
+    if ((at_top && !rename_here) || !S_ISREG(status.st_mode) || std::strcmp(entry, old_name) != 0)
+      return;
+    if (rename(old_name, new_name) != 0)
+      end_run("Unable to rename directory entry %s to %s: %s\n", old_name, new_name, std::strerror(errno));
+  };
+  walk_tree({AT_FDCWD, directory, directory},
+            {
+                .enter = enter_for_renaming,
+                .entry = rename_entry,
+                .left = [](const tree_place & /*place*/, bool /*is_top*/) {},
+                .entries_may_vanish = false,
+            });
 }

@@ -25,7 +25,12 @@ std::string replaced_directory; // is a link to a directory outside when it was 
 int fchdirs_that_succeed = -1;  // any number
 bool closedir_fails = false;
 bool close_fails = false;
+bool readdir_fails = false;
 std::string vanishing_directory; // is gone when it is to be removed
+std::string unmade_directory;    // is gone when it was made
+std::string moving_entry;        // when it is to be removed, a directory moves
+std::string moved_from;
+std::string moved_to;
 
 const char NOT_PERMITTED[] = "System error 1: Operation not permitted\n";
 const char DENIED[] = "System error 13: Permission denied\n";
@@ -155,11 +160,74 @@ TEST_F(owned_directory, mode_that_may_not_be_given_is_reported) {
 }
 
 TEST_F(owned_directory, path_that_vanishes_before_owner_and_mode_are_given_is_no_failure) {
-  // A dangling link is there for mkdir, and missing for chown and chmod.
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    unmade_directory = "made";
+    return mkdir_owned((top + "/made").c_str(), 30030, 30030, 0755);
+  })));
+  EXPECT_EQ(list(), "");
+}
+
+TEST_F(owned_directory, owner_and_mode_are_never_those_of_what_a_link_leads_to) {
+  make_directories(base / "outside");
+  write_file(base / "secret", "secret", 0600);
+  file("plain");
+  ASSERT_EQ(chmod((top + "/plain").c_str(), 0600), 0);
+  link("to-directory", base / "outside");
+  link("to-file", base / "secret");
+  link("to-itself", "to-itself");
   link("dangling", "nowhere");
+  pipe("pipe");
+  for (const char *name : {"to-directory", "to-file", "to-itself", "dangling", "plain", "pipe"}) {
+    const std::string path = top + "/" + name;
+    EXPECT_TRUE(
+        reported(run_in_child([&] { return mkdir_owned(path.c_str(), 30030, 30031, 0770) == -1 ? 7 : 1; }), 7,
+                 "ERROR: Unable to chown " + path +
+                     ": Not a directory\n"
+                     "\n"
+                     "System error 20: Not a directory\n"));
+  }
+  EXPECT_EQ(owner_and_mode(base / "outside"), "0:0 0755");
+  EXPECT_EQ(owner_and_mode(base / "secret"), "0:0 0600");
+  EXPECT_EQ(owner_and_mode(top + "/plain"), "0:0 0600");
+}
+
+TEST_F(owned_directory, directory_on_the_way_that_is_a_link_of_its_owner_leads_nowhere) {
+  make_directories(base / "outside");
+  directory("of-root");
+  directory("of-owner");
+  ASSERT_EQ(chown((top + "/of-owner").c_str(), 30030, 30031), 0);
+  link("of-root/way", base / "outside");
+  link("of-owner/way", base / "outside");
+  const std::string path = top + "/of-owner/way/made";
   EXPECT_TRUE(
-      quiet(run_in_child([this] { return mkdir_owned((top + "/dangling").c_str(), 30030, 30030, 0755); })));
-  EXPECT_EQ(list(), "dangling -> nowhere\n");
+      reported(run_in_child([&] { return mkdir_owned(path.c_str(), 30030, 30031, 0770) == -1 ? 7 : 1; }), 7,
+               "ERROR: Unable to mkdir " + path +
+                   ": Not a directory\n"
+                   "\n"
+                   "System error 20: Not a directory\n"));
+  EXPECT_EQ(entries(base / "outside"), std::vector<std::string>{});
+  for (const mode_t mode : {0775U, 0757U}) {
+    ASSERT_EQ(chmod((top + "/of-root").c_str(), mode), 0);
+    EXPECT_EQ(run_in_child([this] {
+                return mkdir_owned((top + "/of-root/way/made").c_str(), 30030, 30031, 0770);
+              }).status,
+              255);
+  }
+  EXPECT_EQ(entries(base / "outside"), std::vector<std::string>{});
+}
+
+TEST_F(owned_directory, link_on_the_way_that_only_root_can_have_made_is_followed) {
+  make_directories(base / "elsewhere");
+  link("way", base / "elsewhere");
+  EXPECT_TRUE(
+      quiet(run_in_child([this] { return mkdir_owned((top + "/way/made").c_str(), 30030, 30031, 0770); })));
+  EXPECT_EQ(owner_and_mode(base / "elsewhere/made"), "30030:30031 0770");
+}
+
+TEST_F(owned_directory, path_may_be_a_name_in_the_current_directory) {
+  EXPECT_TRUE(quiet(run_in_child(
+      [this] { return chdir(top.c_str()) == 0 ? mkdir_owned("made", 30030, 30031, 0710) : 1; })));
+  EXPECT_EQ(owner_and_mode(top + "/made"), "30030:30031 0710");
 }
 
 TEST_F(owned_directory, errno_of_earlier_failures_is_cleared) {
@@ -320,6 +388,99 @@ TEST_F(tree, path_longer_than_any_call_takes_is_no_obstacle) {
     remove_tree(top.c_str(), true);
     return exists(top) ? 4 : 0;
   })));
+}
+
+TEST_F(tree, of_any_depth_is_walked_with_few_descriptors_and_little_stack) {
+  constexpr int DEPTH = 3000;
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    make_deep_tree(top, DEPTH);
+    set_limit(RLIMIT_NOFILE, 64);
+    set_limit(RLIMIT_STACK, 512 * 1024);
+    rename_in_tree(top.c_str(), "old", "new", false);
+    if (chdir(top.c_str()) != 0)
+      return 1;
+    for (int i = 0; i < DEPTH; ++i)
+      if (read_file(i == 0 ? "old" : "new") != std::to_string(i) || chdir("a-directory-of-a-long-name") != 0)
+        return 2;
+    if (chdir("/") != 0)
+      return 3;
+    const int before = dup(STDIN_FILENO);
+    remove_tree(top.c_str(), true);
+    return exists(top) || dup(STDIN_FILENO) != before + 1 ? 4 : 0;
+  })));
+}
+
+TEST_F(tree, directories_beside_one_another_are_all_walked_at_every_depth) {
+  std::string path;
+  for (int i = 0; i < 40; ++i) {
+    directory(path + "a/file-below");
+    file(path + "a/old");
+    directory(path + "z");
+    file(path + "z/old");
+    path += "m/";
+  }
+  EXPECT_TRUE(quiet(rename_all(true)));
+  EXPECT_EQ(list().find("old"), std::string::npos);
+  EXPECT_TRUE(quiet(remove()));
+  EXPECT_FALSE(exists(top));
+}
+
+TEST_F(tree, directory_moved_away_during_the_walk_leads_it_nowhere_else) {
+  std::string path = "0";
+  for (int i = 1; i < 40; ++i)
+    path += "/" + std::to_string(i);
+  make_directories(base / "elsewhere");
+  write_file(base / "elsewhere/old", "kept");
+  directory(path);
+  file(path + "/moves");
+  moving_entry = "moves";
+  moved_from = top + "/0/1/2";
+  moved_to = base / "elsewhere/2";
+  const outcome run = remove();
+  moving_entry.clear();
+  EXPECT_TRUE(reported(run, 1,
+                       "Unable to restore & close current dir: Stale file handle\n"
+                       "\n"
+                       "System error 116: Stale file handle\n"));
+  EXPECT_EQ(entries(base / "elsewhere"), (std::vector<std::string>{"2", "old"}));
+  EXPECT_EQ(list(), "0/\n0/1/\n");
+}
+
+TEST_F(tree, directory_that_cannot_be_read_to_its_end_ends_the_run) {
+  file("plain");
+  for (const auto &walk : {&tree::remove, &tree::rename_all}) {
+    readdir_fails = true;
+    const outcome run = (this->*walk)(true);
+    readdir_fails = false;
+    EXPECT_TRUE(reported(run, 1, "Unable to read dir " + top + ": Input/output error\n\n" + IO_ERROR));
+  }
+  EXPECT_EQ(list(), "plain\n");
+}
+
+TEST_F(tree, walk_leaves_errno_alone) {
+  directory("a");
+  file("a/old");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    errno = EPERM;
+    rename_in_tree(top.c_str(), "old", "new", true);
+    remove_tree(top.c_str(), true);
+    return errno == EPERM ? 0 : 1;
+  })));
+}
+
+TEST_F(tree, name_in_an_open_directory_is_removed_wherever_its_path_leads_by_then) {
+  directory("a/b");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    const int opened = open(top.c_str(), O_RDONLY | O_DIRECTORY);
+    if (rename(top.c_str(), (base / "moved").c_str()) != 0)
+      return 1;
+    make_directories(top + "/a/kept");
+    remove_tree_at(opened, "a", (top + "/a").c_str(), false);
+    return 0;
+  })));
+  EXPECT_EQ(list(), "a/\na/kept/\n");
+  EXPECT_EQ(entries(base / "moved"), std::vector<std::string>{"a"});
+  EXPECT_EQ(entries(base / "moved/a"), std::vector<std::string>{});
 }
 
 TEST_F(tree, entries_that_take_several_reads_are_all_removed) {
@@ -638,14 +799,14 @@ TEST_F(tree, paths_are_told_apart) {
 } // namespace
 
 // The functions of the system that the tests above let fail.
-extern "C" int lstat(const char *path, struct stat *status) noexcept {
+extern "C" int fstatat(int base, const char *path, struct stat *status, int flags) noexcept {
   if (unreadable_entry == path) {
     errno = EIO;
     return -1;
   }
   if (vanished_entry == path)
     unlink(path);
-  const int result = fstatat(AT_FDCWD, path, status, AT_SYMLINK_NOFOLLOW);
+  const int result = static_cast<int>(syscall(SYS_newfstatat, base, path, status, flags));
   if (vanishing_entry == path)
     unlink(path);
   static int looks = 0;
@@ -664,10 +825,24 @@ extern "C" int fchdir(int fd) noexcept {
   return static_cast<int>(syscall(SYS_fchdir, fd));
 }
 
-extern "C" int rmdir(const char *path) noexcept {
+extern "C" int unlinkat(int base, const char *path, int flags) noexcept {
   if (vanishing_directory == path)
-    unlinkat(AT_FDCWD, path, AT_REMOVEDIR);
-  return unlinkat(AT_FDCWD, path, AT_REMOVEDIR);
+    syscall(SYS_unlinkat, base, path, flags);
+  if (moving_entry == path && rename(moved_from.c_str(), moved_to.c_str()) != 0)
+    std::abort();
+  return static_cast<int>(syscall(SYS_unlinkat, base, path, flags));
+}
+
+extern "C" int mkdirat(int base, const char *path, mode_t mode) noexcept {
+  return unmade_directory == path ? 0 : static_cast<int>(syscall(SYS_mkdirat, base, path, mode));
+}
+
+extern "C" dirent *readdir(DIR *directory) {
+  static const auto system_readdir = reinterpret_cast<dirent *(*)(DIR *)>(dlsym(RTLD_NEXT, "readdir"));
+  if (!readdir_fails)
+    return system_readdir(directory);
+  errno = EIO;
+  return nullptr;
 }
 
 extern "C" int close(int fd) {
