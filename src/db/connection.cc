@@ -5,10 +5,15 @@
 #include "fs/text.h"
 
 #undef NDEBUG // assert_quotable holds in every build
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <mysqld_error.h>
+#include <unistd.h>
+#include <utility>
 
 int db_mysql41_compatible = 0;
 
@@ -16,6 +21,16 @@ namespace {
 
 constexpr char PASSWORD_FILE[] = "/etc/kiv/.kiv.shadow";
 constexpr std::size_t PASSWORD_SIZE = 100;
+constexpr std::size_t MESSAGE_SIZE = 4097;
+constexpr char INIT_FAILURE[] = "Unable to initialize MySQL connection structure: %s";
+
+// How long the server may take to answer, in seconds: longer than any statement of ours, or another's table lock,
+// takes on a living server. A run that waits for a dead one holds up all others.
+constexpr unsigned ANSWER_SECONDS = 300;
+
+// How long a full server is given to find room, and the first of the growing pauses in between, in microseconds.
+constexpr useconds_t FULL_SERVER_PATIENCE = 10'000'000;
+constexpr useconds_t FIRST_PAUSE = 100'000;
 
 bool starts_with(const char *text, const char *prefix) {
   return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
@@ -27,9 +42,10 @@ int query_server_age(MYSQL *db, bool &old_server, char *message, std::size_t mes
     db_error_text(db, message, message_size, step);
     return -1;
   };
-  if (mysql_query(db, "SHOW VARIABLES LIKE 'version'") != 0)
+  // A session that broke at the statement before is not asked.
+  if (db_is_unusable(db) || !db_execute(db, "SHOW VARIABLES LIKE 'version'"))
     return failed("query version");
-  const unique_result result(mysql_store_result(db));
+  const unique_result result = db_store_result(db);
   if (!result)
     return failed("store query result");
   MYSQL_ROW row = mysql_fetch_row(result.get());
@@ -46,16 +62,86 @@ bool says_utf8(MYSQL_RES *result) {
   return row != nullptr && !is_empty(row[0]) && std::strcmp(row[0], "false") != 0;
 }
 
-// Connects `db` with the administrator's password, which is gone from memory afterwards.
-bool real_connect(MYSQL *db, char (&password)[PASSWORD_SIZE]) {
-  const bool connected =
-      mysql_real_connect(db, "localhost", "admin", password, "kiv", 0, nullptr, 0) != nullptr;
-  explicit_bzero(password, sizeof password);
-  if (connected) {
+// The library ignores SIGPIPE, and the programs that we run would inherit that. A handler that does nothing serves it
+// as well and is not inherited. Whoever started us with SIGPIPE ignored wants it so for all.
+struct pipe_signal_keeper {
+  pipe_signal_keeper() { sigaction(SIGPIPE, nullptr, &before); }
+  ~pipe_signal_keeper() {
     const errno_guard keep;
-    fcntl(db->net.fd, F_SETFD, FD_CLOEXEC); // the administrator's session is not for our children
+    if (before.sa_handler == SIG_DFL) {
+      before.sa_handler = [](int) {};
+      before.sa_flags = SA_RESTART;
+    }
+    sigaction(SIGPIPE, &before, nullptr);
   }
-  return connected;
+  pipe_signal_keeper(const pipe_signal_keeper &) = delete;
+  pipe_signal_keeper &operator=(const pipe_signal_keeper &) = delete;
+
+  struct sigaction before = {};
+};
+
+void set_timeouts(MYSQL *db) {
+  mysql_options(db, MYSQL_OPT_READ_TIMEOUT, &ANSWER_SECONDS);
+  mysql_options(db, MYSQL_OPT_WRITE_TIMEOUT, &ANSWER_SECONDS);
+}
+
+// Whether the server is there but has no room for one more connection just now.
+bool is_full(MYSQL *db) {
+  switch (mysql_errno(db)) {
+  case ER_CON_COUNT_ERROR:
+  case ER_TOO_MANY_USER_CONNECTIONS:
+    return true;
+  case ER_USER_LIMIT_REACHED: // connections at once, or something per hour
+    return std::strstr(mysql_error(db), "'max_user_connections'") != nullptr;
+  default:
+    return false;
+  }
+}
+
+// Connects `db`, trying again while the server is full.
+bool real_connect(MYSQL *db, const char *password) {
+  useconds_t pause = FIRST_PAUSE;
+  for (useconds_t left = FULL_SERVER_PATIENCE;; left -= pause, pause *= 2) {
+    set_timeouts(db); // a failed attempt forgets them
+    if (mysql_real_connect(db, "localhost", "admin", password, "kiv", 0, nullptr, 0) != nullptr)
+      return true;
+    if (left == 0 || !is_full(db))
+      return false;
+    pause = std::min(pause, left);
+    usleep(pause);
+  }
+}
+
+// Makes a session on an initialised handle, in the state that every query function expects, and wipes the password.
+// Returns whether it did; the reason why not is in `message`.
+bool open_session(MYSQL *db, char (&password)[PASSWORD_SIZE], char *message, std::size_t message_size) {
+  const int errno_before = errno;
+  const bool connected = real_connect(db, password);
+  explicit_bzero(password, PASSWORD_SIZE);
+  if (!connected) {
+    std::snprintf(message, message_size, "Unable to connect to Quarry Database: %s", mysql_error(db));
+    if (!db_is_unusable(db))
+      errno = errno_before;
+    return false;
+  }
+  fcntl(db->net.fd, F_SETFD, FD_CLOEXEC); // the administrator's session is not for our children
+  errno = errno_before;
+  if (mysql_errno(db) != 0)
+    return false;
+
+  db_execute(db, "set foreign_key_checks=0"); // a server without foreign keys is fine, too
+  db_set_names(db, message, message_size);
+  return mysql_errno(db) == 0;
+}
+
+// Ends the session of a handle and makes it a fresh one at the same place.
+void begin_anew(MYSQL *db) {
+  const errno_guard keep;
+  const auto freed_by_close = std::exchange(db->free_me, 0);
+  mysql_close(db);
+  if (mysql_init(db) == nullptr)
+    end_run(INIT_FAILURE, std::strerror(ENOMEM));
+  db->free_me = freed_by_close;
 }
 
 } // namespace
@@ -86,25 +172,37 @@ unique_connection db_connect(char *message, std::size_t message_size) {
   if (read_admin_password(password, sizeof password, message, message_size) != 0)
     return nullptr;
 
+  const pipe_signal_keeper keep_pipe_signal;
+  const int errno_before = errno;
   unique_connection db(mysql_init(nullptr));
   if (!db) {
-    std::snprintf(message, message_size, "Unable to initialize MySQL connection structure: %s",
-                  std::strerror(ENOMEM));
+    std::snprintf(message, message_size, INIT_FAILURE, std::strerror(ENOMEM));
     errno = ENOMEM;
     return nullptr;
   }
-  if (!real_connect(db.get(), password)) {
-    std::snprintf(message, message_size, "Unable to connect to Quarry Database: %s", mysql_error(db.get()));
-    return nullptr;
-  }
-  if (mysql_errno(db.get()) != 0)
-    return nullptr;
-
-  mysql_query(db.get(), "set foreign_key_checks=0"); // a server without foreign keys is fine, too
-  db_set_names(db.get(), message, message_size);
-  if (mysql_errno(db.get()) != 0)
+  errno = errno_before;
+  if (!open_session(db.get(), password, message, message_size))
     return nullptr;
   return db;
+}
+
+void db_reconnect_if_lost(MYSQL *db) {
+  const pipe_signal_keeper keep_pipe_signal;
+  const int errno_before = errno;
+  if (!db_is_unusable(db) && mysql_ping(db) == 0) {
+    errno = errno_before;
+    return;
+  }
+  errno = errno_before;
+  char message[MESSAGE_SIZE] = "";
+  char password[PASSWORD_SIZE];
+  begin_anew(db);
+  if (read_admin_password(password, sizeof password, message, sizeof message) == 0 &&
+      open_session(db, password, message, sizeof message))
+    return;
+  report_failure(0, 0, "%s", message);
+  begin_anew(db); // whatever the attempt has left
+  errno = errno_before;
 }
 
 int db_set_names(MYSQL *db, char *message, std::size_t message_size) {
@@ -115,14 +213,18 @@ int db_set_names(MYSQL *db, char *message, std::size_t message_size) {
     db_mysql41_compatible = 0;
     return 0;
   }
-  if (mysql_query(db, "SELECT val FROM misc WHERE param='mysql41_compatible'") != 0) {
+  if (!db_execute(db, "SELECT val FROM misc WHERE param='mysql41_compatible'")) {
     db_error_text(db, message, message_size, "mysql41 compatible query");
     return -1;
   }
-  unique_result result(mysql_store_result(db));
+  unique_result result = db_store_result(db);
+  if (!result && mysql_errno(db) != 0) {
+    db_error_text(db, message, message_size, "store query result");
+    return -1;
+  }
   db_mysql41_compatible = says_utf8(result.get()) ? 1 : 0;
   result.reset();
-  if (mysql_query(db, db_mysql41_compatible ? "SET NAMES utf8" : "SET NAMES binary") != 0) {
+  if (!db_execute(db, db_mysql41_compatible ? "SET NAMES utf8" : "SET NAMES binary")) {
     db_error_text(db, message, message_size, "set names query");
     return -1;
   }
@@ -136,7 +238,7 @@ int db_error_text(MYSQL *db, char *message, std::size_t message_size, const char
 }
 
 unique_connection db_connect_or_report() {
-  char message[4097] = "";
+  char message[MESSAGE_SIZE] = "";
   unique_connection db = db_connect(message, sizeof message);
   if (!db)
     report_failure(0, 0, "%s", message);

@@ -27,8 +27,14 @@ extern int db_mysql41_compatible;
 // Returns 0, or -1 with the reason in `message`.
 int read_admin_password(char *buffer, std::size_t size, char *message, std::size_t message_size);
 
-// A new connection ready for use, or null with the reason in `message`.
+// A new connection ready for use, or null with the reason in `message`. A server that has no room for one more
+// connection is asked again for up to ten seconds; one that takes more than five minutes for an answer, now or to any
+// statement later, counts as gone. errno is as it was, unless the client's side failed.
 unique_connection db_connect(char *message, std::size_t message_size);
+
+// To be called after each wait: when the session has ended meanwhile, or is unusable (db/query.h), connects anew, once,
+// on the same handle. A failure to do so is reported, and the next statement fails.
+void db_reconnect_if_lost(MYSQL *db);
 
 // Negotiates the character set of an open connection. Returns 0, or -1 with the reason in `message`.
 int db_set_names(MYSQL *db, char *message, std::size_t message_size);

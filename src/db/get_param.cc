@@ -12,12 +12,12 @@ const char *get_param_by_query(const char *query, MYSQL *db, unsigned column) {
     report_failure(0, 0, "Unable to connect to the mysql database\n");
     return nullptr;
   }
-  if (!db_execute(connection.handle, query)) {
+  const unique_result result = db_select(connection.handle, query);
+  if (!result && mysql_errno(connection.handle) != 0) { // a statement without a result set gives no row
     report_failure(0, 0, "Unable to query parameter by query %s: %s\n", query,
                    mysql_error(connection.handle));
     return nullptr;
   }
-  const unique_result result(mysql_store_result(connection.handle));
   MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
   return copy_text(value, row != nullptr ? text_or_empty(row[column]) : "");
 }
@@ -67,6 +67,8 @@ int is_component_installed(const char *package) {
     return 0;
   const bounded_text query("SELECT version FROM Components WHERE name = '%s'", package);
   const unique_result result = db_select(db.get(), query.c_str());
+  if (!result)
+    report_failure(0, 0, "Unable to query component %s: %s\n", package, mysql_error(db.get()));
   if (!result || mysql_num_rows(result.get()) != 1)
     return 0;
   MYSQL_ROW row = mysql_fetch_row(result.get());

@@ -24,6 +24,6 @@ const char *get_domain_htype(const char *dom_id, MYSQL *db);
 // ColdFusion. Ends the run when `db` is null and no connection can be had.
 const char *get_cf_instance_path(MYSQL *db);
 
-// 1 when exactly one row of `Components` names the package with a version other than "not_installed...", else 0.
-// Works on a connection of its own. The name is put into SQL as it is.
+// 1 when exactly one row of `Components` names the package with a version other than "not_installed...", else 0,
+// after a report when the database cannot tell. Works on a connection of its own. The name is put into SQL as it is.
 int is_component_installed(const char *package);

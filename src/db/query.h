@@ -1,4 +1,9 @@
 // Running a query and looking at what came back.
+//
+// A failure that the server reports is over with its message. After one of the client's own (memory, a lost or
+// garbled answer) the rest of the answer may still lie in the connection and would be taken for the next one's: the
+// connection is unusable from then on, and the next statement on it ends the run. errno is as it was before the call,
+// unless the client itself failed: the library's own sockets leave theirs behind, now this, now that.
 #pragma once
 
 #include <memory>
@@ -15,9 +20,14 @@ unique_result db_select(MYSQL *db, const char *sql);
 // The same for a caller that cannot go on without the rows: a failure ends the run with "<failure>: <MySQL's words>".
 unique_result db_select_or_end_run(MYSQL *db, const char *sql, const char *failure);
 
-// Runs a statement that gives no rows. Returns false, unreported, when it failed. Like the two above it ends the run
-// when the answer to the statement before did not fit into memory.
+// Stores the rows of the statement that db_execute has run; null as above.
+unique_result db_store_result(MYSQL *db);
+
+// Runs a statement; rows that it gives must be stored before the next one. Returns false, unreported, when it failed.
 bool db_execute(MYSQL *db, const char *sql);
+
+// Whether the last thing that failed on the connection, if anything did, was the client's own.
+bool db_is_unusable(MYSQL *db);
 
 // A flag column or setting: set when it is not null and its first four characters are "true".
 bool is_flag_set(const char *value);

@@ -7,7 +7,9 @@
 #include <csignal>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <map>
+#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -20,8 +22,13 @@ constexpr char SETTING_QUERY[] = "SELECT val FROM misc WHERE param='mysql41_comp
 bool library_is_out_of_memory = false;
 bool fresh_connection_has_an_error = false;
 std::map<std::string, std::string> substituted_statements;
-std::string connection_dies_at; // the statement before which the server ends the connection
-std::string last_error;         // "<number>: <words>" of the last failed statement
+std::string connection_dies_at;            // the statement before which the server ends the connection
+std::string last_error;                    // "<number>: <words>" of the last failed statement
+std::map<mysql_option, unsigned> timeouts; // what the program asked for, in seconds
+unsigned shorter_timeout = 0;              // what it gets instead, unless 0
+bool pauses_are_real = true;
+std::vector<useconds_t> pauses;
+std::function<void()> at_a_pause;
 
 template <typename Function> Function *of_the_library(const char *name) {
   return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
@@ -41,14 +48,36 @@ extern "C" unsigned STDCALL mysql_errno(MYSQL *db) {
   return of_the_library<unsigned(MYSQL *)>("mysql_errno")(db);
 }
 
-extern "C" int STDCALL mysql_query(MYSQL *db, const char *statement) {
+extern "C" int STDCALL mysql_options(MYSQL *db, mysql_option option, const void *value) {
+  if (option == MYSQL_OPT_READ_TIMEOUT || option == MYSQL_OPT_WRITE_TIMEOUT) {
+    timeouts[option] = *static_cast<const unsigned *>(value);
+    if (shorter_timeout != 0)
+      value = &shorter_timeout;
+  }
+  return of_the_library<int(MYSQL *, mysql_option, const void *)>("mysql_options")(db, option, value);
+}
+
+extern "C" int usleep(useconds_t duration) {
+  if (pauses_are_real || duration < 1000) // the library has short ones of its own
+    return of_the_library<int(useconds_t)>("usleep")(duration);
+  pauses.push_back(duration);
+  if (at_a_pause)
+    at_a_pause();
+  return 0;
+}
+
+extern "C" int STDCALL mysql_real_query(MYSQL *db, const char *statement, unsigned long length) {
+  const auto real = of_the_library<int(MYSQL *, const char *, unsigned long)>("mysql_real_query");
+  if (db->user != nullptr && std::strcmp(db->user, "admin") != 0)
+    return real(db, statement, length);
   if (connection_dies_at == statement) {
     sql("KILL CONNECTION " + std::to_string(mysql_thread_id(db)));
     connections_settled_at(0);
   }
   const auto other = substituted_statements.find(statement);
-  const char *sent = other != substituted_statements.end() ? other->second.c_str() : statement;
-  const int result = of_the_library<int(MYSQL *, const char *)>("mysql_query")(db, sent);
+  const int result = other != substituted_statements.end()
+                         ? real(db, other->second.data(), other->second.size())
+                         : real(db, statement, length);
   if (result != 0)
     last_error = std::to_string(mysql_errno(db)) + ": " + mysql_error(db);
   return result;
@@ -62,6 +91,10 @@ struct connection : empty_database {
     substituted_statements.clear();
     connection_dies_at.clear();
     db_mysql41_compatible = 0;
+    shorter_timeout = 0;
+    pauses_are_real = true;
+    pauses.clear();
+    at_a_pause = nullptr;
   }
 };
 using admin_password = connection;
@@ -72,6 +105,9 @@ using error_text = connection;
 using escaping = connection;
 using quoting_rule = connection;
 using handle_ownership = connection;
+using lost_session = connection;
+using full_server = connection;
+using silent_server = connection;
 
 // db_connect's message, or "connected".
 std::string attempt() {
@@ -444,6 +480,204 @@ TEST_F(connection, whose_last_answer_did_not_fit_into_memory_takes_no_further_st
                          db_select(db, "SELECT 1");
                        }),
                        1, "Client run out of memory\n"));
+}
+
+// --------------------------------------------------------------------------------------------- sessions that end
+
+constexpr char GONE[] = "Server has gone away";
+
+void end_session(MYSQL *db) {
+  sql("KILL CONNECTION " + std::to_string(mysql_thread_id(db)));
+  connections_settled_at(0);
+}
+
+TEST_F(lost_session, is_followed_by_a_new_one_on_the_same_handle_in_the_state_of_every_new_one) {
+  set_misc("mysql41_compatible", "'true'");
+  const admin_connection db;
+  end_session(db);
+  const statement_log log;
+  db_reconnect_if_lost(db);
+  EXPECT_EQ(log.statements(), (std::vector<std::string>{"set foreign_key_checks=0", VERSION_QUERY,
+                                                        SETTING_QUERY, "SET NAMES utf8"}));
+  EXPECT_EQ(value_on(db, "SELECT CURRENT_USER()"), "admin@localhost");
+  EXPECT_EQ(value_on(db, "SELECT DATABASE()"), "kiv");
+  EXPECT_EQ(value_on(db, "SELECT @@foreign_key_checks"), "0");
+}
+
+TEST_F(lost_session, that_its_server_gave_up_is_made_anew) {
+  sql("SET GLOBAL wait_timeout = 1");
+  const admin_connection db;
+  sql("SET GLOBAL wait_timeout = DEFAULT");
+  EXPECT_EQ(connections_settled_at(0), 0);
+  db_reconnect_if_lost(db);
+  EXPECT_EQ(value_on(db, "SELECT 'here'"), "here");
+}
+
+TEST_F(lost_session, is_made_anew_after_a_restart_of_the_server_and_with_a_new_password) {
+  const kept_file shadow(SHADOW);
+  const admin_connection db;
+  { const stopped_server server; }
+  const std::string before = sql_value("SELECT authentication_string FROM mysql.user WHERE user='admin'");
+  sql("SET PASSWORD FOR admin@localhost = PASSWORD('another')");
+  write_file(SHADOW, "another\n", 0600);
+  db_reconnect_if_lost(db);
+  EXPECT_EQ(value_on(db, "SELECT 'here'"), "here");
+  sql("SET PASSWORD FOR admin@localhost = '" + before + "'");
+}
+
+TEST_F(lost_session, that_is_none_costs_no_statement_and_no_connection) {
+  const admin_connection db;
+  const unsigned long session = mysql_thread_id(db);
+  const statement_log log;
+  db_reconnect_if_lost(db);
+  EXPECT_EQ(mysql_thread_id(db), session);
+  EXPECT_EQ(log.statements(), std::vector<std::string>{});
+  EXPECT_EQ(log.count("Connect"), 0);
+}
+
+TEST_F(lost_session, that_is_unusable_is_made_anew) {
+  const admin_connection db;
+  static_cast<MYSQL *>(db)->net.last_errno = 2027; // CR_MALFORMED_PACKET
+  db_reconnect_if_lost(db);
+  EXPECT_EQ(value_on(db, "SELECT 'here'"), "here");
+}
+
+TEST_F(lost_session, without_a_server_is_reported_once_and_the_next_statement_fails) {
+  const outcome run = run_in_child([] {
+    const admin_connection db;
+    const stopped_server server;
+    db_reconnect_if_lost(db);
+    const bool answered = db_execute(db, "DO 0");
+    std::printf("%d %s", answered, mysql_error(db));
+  });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(run.err.starts_with("Unable to connect to Quarry Database: Can't connect to local")) << run.err;
+  EXPECT_EQ(run.out, run.err + "0 " + GONE);
+}
+
+TEST_F(lost_session, is_closed_with_its_handle) {
+  char message[512] = "";
+  unique_connection db = db_connect(message, sizeof message);
+  ASSERT_TRUE(db) << message;
+  end_session(db.get());
+  db_reconnect_if_lost(db.get());
+  EXPECT_EQ(connections_settled_at(1), 1);
+  db.reset();
+  EXPECT_EQ(connections_settled_at(0), 0);
+}
+
+// ----------------------------------------------------------------------------------- servers that are full or silent
+
+constexpr char NO_ROOM[] = "Unable to connect to Quarry Database: Too many connections";
+
+// Takes all the room that the server has, until the end of the scope or earlier.
+struct occupied_server {
+  occupied_server() {
+    sql("SET GLOBAL max_connections = 10"); // as few as can be
+    for (int i = 0; i < 10; ++i)
+      others.push_back(std::make_unique<admin_connection>());
+  }
+  ~occupied_server() {
+    others.clear();
+    connections_settled_at(0);
+    sql("SET GLOBAL max_connections = DEFAULT");
+  }
+  occupied_server(const occupied_server &) = delete;
+  occupied_server &operator=(const occupied_server &) = delete;
+
+  std::vector<std::unique_ptr<admin_connection>> others;
+};
+
+TEST_F(full_server, is_asked_again_until_it_has_room) {
+  sql("INSERT INTO Components (name, version) VALUES ('kiv-imp', '4.1')");
+  occupied_server server;
+  pauses_are_real = false;
+  at_a_pause = [&] {
+    if (pauses.size() < 3)
+      return;
+    pauses_are_real = true;
+    server.others.clear();
+    connections_settled_at(0);
+  };
+  EXPECT_EQ(is_component_installed("kiv-imp"), 1);
+  EXPECT_EQ(pauses.size(), 3U);
+}
+
+TEST_F(full_server, is_believed_after_ten_seconds_of_growing_pauses) {
+  occupied_server server;
+  pauses_are_real = false;
+  EXPECT_EQ(attempt(), NO_ROOM);
+  pauses_are_real = true;
+  useconds_t sum = 0;
+  for (std::size_t i = 0; i < pauses.size(); ++i) {
+    sum += pauses[i];
+    EXPECT_TRUE(i == 0 || i + 1 == pauses.size() || pauses[i] > pauses[i - 1]);
+  }
+  EXPECT_EQ(sum, 10'000'000U);
+}
+
+TEST_F(full_server, may_be_full_for_this_account_only) {
+  sql("ALTER USER admin@localhost WITH MAX_USER_CONNECTIONS 1");
+  const admin_connection other;
+  pauses_are_real = false;
+  const std::string message = attempt();
+  pauses_are_real = true;
+  sql("ALTER USER admin@localhost WITH MAX_USER_CONNECTIONS 0");
+  EXPECT_EQ(message, "Unable to connect to Quarry Database: User 'admin' has exceeded the "
+                     "'max_user_connections' resource (current value: 1)");
+  EXPECT_GT(pauses.size(), 1U);
+}
+
+TEST_F(full_server, is_not_what_refuses_a_password) {
+  const wrong_password wrong;
+  pauses_are_real = false;
+  EXPECT_EQ(attempt(), ACCESS_DENIED);
+  EXPECT_TRUE(pauses.empty());
+}
+
+TEST_F(silent_server, has_minutes_for_each_answer) {
+  ASSERT_EQ(attempt(), "connected");
+  EXPECT_EQ(timeouts[MYSQL_OPT_READ_TIMEOUT], 300U);
+  EXPECT_EQ(timeouts[MYSQL_OPT_WRITE_TIMEOUT], 300U);
+}
+
+TEST_F(silent_server, ends_the_run_with_the_librarys_words) {
+  shorter_timeout = 1;
+  const outcome run = run_in_child([] {
+    const admin_connection db;
+    db_select_or_end_run(db, "SELECT SLEEP(30)", "Unable to ask");
+  });
+  EXPECT_EQ(run.status, 1);
+  EXPECT_TRUE(run.err.starts_with("Unable to ask: Lost connection to server during query")) << run.err;
+}
+
+// -------------------------------------------------------------------------------------------------- SIGPIPE
+
+// The signals that a program run by the shell has ignored, as the kernel's bit mask.
+unsigned long ignored_by_children() {
+  const outcome run = run_in_child([] {
+    const admin_connection db;
+    return std::system("grep SigIgn /proc/self/status");
+  });
+  return std::stoul(run.out.substr(run.out.find(':') + 1), nullptr, 16);
+}
+
+constexpr unsigned long PIPE_BIT = 1UL << (SIGPIPE - 1);
+
+TEST_F(connection, leaves_children_the_pipe_signal_as_it_was) {
+  std::signal(SIGPIPE, SIG_DFL);
+  EXPECT_EQ(ignored_by_children() & PIPE_BIT, 0U);
+  std::signal(SIGPIPE, SIG_IGN);
+  EXPECT_EQ(ignored_by_children() & PIPE_BIT, PIPE_BIT);
+  std::signal(SIGPIPE, SIG_DFL);
+}
+
+TEST_F(connection, protects_the_run_itself_from_the_pipe_signal) {
+  EXPECT_TRUE(quiet(run_in_child([] {
+    std::signal(SIGPIPE, SIG_DFL);
+    const admin_connection db;
+    std::raise(SIGPIPE);
+  })));
 }
 
 // ----------------------------------------------------------------------------------------------------- error text

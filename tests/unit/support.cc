@@ -111,10 +111,14 @@ std::vector<sql_row> stored_rows(MYSQL_RES *result) {
 }
 
 std::size_t failing_size = 0;
+int allocations_until_failure = 0; // negative: it has failed
 
 // Whether an allocation of this size is to fail; says so in errno.
 bool fails(std::size_t size) {
-  if (failing_size == 0 || size != failing_size)
+  const bool has_its_turn = allocations_until_failure > 0 && --allocations_until_failure == 0;
+  if (has_its_turn)
+    allocations_until_failure = -1;
+  else if (failing_size == 0 || size != failing_size)
     return false;
   errno = ENOMEM;
   return true;
@@ -157,6 +161,14 @@ extern "C" const char *__lsan_default_options() {
 
 void fail_allocations_of(std::size_t size) {
   failing_size = size;
+}
+
+void fail_allocation(int number) {
+  allocations_until_failure = number;
+}
+
+bool allocation_has_failed() {
+  return allocations_until_failure < 0;
 }
 
 void PrintTo(const outcome &run, std::ostream *stream) {

@@ -86,6 +86,11 @@ struct memory_file_system {
 // of run_in_child.
 void fail_allocations_of(std::size_t size);
 
+// The allocation with this number, counted from 1 and from here on, fails, and no other: for the body of run_in_child.
+void fail_allocation(int number);
+// Whether it has come to that.
+bool allocation_has_failed();
+
 // Lowers a soft limit of setrlimit: for the body of run_in_child. It is lifted at the exit, for the sake of sanitizers
 // and coverage counters.
 void set_limit(int resource, unsigned long limit);
