@@ -39,6 +39,8 @@ const char *get_dom_id(const char *name, MYSQL *db) {
   unique_text ascii_name = idn_toascii(name);
   if (!ascii_name)
     end_run("idn_toascii() failed: %s", idn_error_text(idn_last_error));
+  // Full-width quotes and backslashes have become plain ones.
+  assert_quotable(ascii_name.get(), "get.c", __LINE__, __func__);
   const bounded_text query("select id from domains where name='%s'", ascii_name.get());
   ascii_name.reset();
   const unique_result result = db_select(connection.handle, query.c_str());

@@ -10,6 +10,7 @@
 #include "fs/atomic.h"
 #include "fs/tree.h"
 #include "gen/domain_host.h"
+#include "gen/domain_query.h"
 #include "gen/limits.h"
 #include "gen/print.h"
 #include "gen/subdomains.h"
@@ -28,8 +29,8 @@ void require_domain_name(const char *domain) {
 }
 
 unique_result select_domain(const char *domain, MYSQL *db) {
-  const unique_text escaped = db_escape_string(db, domain);
-  const bounded_text query(
+  return select_by_domain_name(
+      db,
       "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
       "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
       "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
@@ -37,9 +38,8 @@ unique_result select_domain(const char *domain, MYSQL *db) {
       "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
       "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
       "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
-      "\tand d.name='%s'",
-      escaped.get());
-  return db_select_or_end_run(db, query.c_str(), LIST_FAILURE);
+      "\tand d.name=",
+      domain, LIST_FAILURE);
 }
 
 domain_record decode_row(const char *name, MYSQL_ROW row) {

@@ -8,6 +8,7 @@
 #include "fs/text.h"
 #include "fs/tree.h"
 #include "gen/connectors.h"
+#include "gen/domain_query.h"
 #include "gen/host_kind.h"
 #include "gen/limits.h"
 #include "gen/print.h"
@@ -133,6 +134,7 @@ void print_host(FILE *out, const subdomain_record &sub, const char *full_name, c
 
 // The login of the subdomain's own user in `login`. Returns false after a report when there is none.
 bool find_native_user(const char *sys_user_id, const char *full_name, char (&login)[TEXT_SIZE], MYSQL *db) {
+  assert_quotable(sys_user_id, "subdomains.c", __LINE__, __func__);
   const bounded_text query("select u.login from sys_users u where u.id='%s'", sys_user_id);
   const unique_result result =
       db_select_or_end_run(db, query.c_str(), "Unable to define sys_users parameters");
@@ -159,8 +161,8 @@ bool find_user(MYSQL_ROW row, const char *full_name, char (&user)[TEXT_SIZE], MY
 }
 
 unique_result select_subdomains(const char *domain, MYSQL *db) {
-  const unique_text escaped = db_escape_string(db, domain);
-  const bounded_text query(
+  return select_by_domain_name(
+      db,
       "select d.id, d.name, u.login, c.email, ipa.ip_address, h.webstat, h.php_safe_mode, "
       "\t\ts.ssi, s.php, s.cgi, s.perl, s.asp, s.python, s.coldfusion, s.name, "
       "\t\ts.sys_user_type, s.sys_user_id, s.ssl, s.same_ssl, cert.cert_file, cert.ca_file, s.fastcgi, s.miva, "
@@ -168,9 +170,8 @@ unique_result select_subdomains(const char *domain, MYSQL *db) {
       "\t\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, subdomains s, certificates cert "
       "\t\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
       "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
-      "\t\tand d.name='%s'",
-      escaped.get());
-  return db_select_or_end_run(db, query.c_str(), "Unable to define subdomains parameters");
+      "\t\tand d.name=",
+      domain, "Unable to define subdomains parameters");
 }
 
 } // namespace

@@ -92,15 +92,10 @@ def test_aliases_of_a_subdomain_that_cannot_be_read_end_the_run(panel, ssl, read
 
 
 def test_native_user_that_cannot_be_queried_ends_the_run(panel):
-    domain = panel.domain("example.test")
-    panel.subdomain(domain, "blog")
+    panel.subdomain(panel.domain("example.test"), "blog", user="blogger")
     installed = InstalledFile(panel, "example.test")
     change_something(panel)
-    panel.sql("ALTER TABLE subdomains MODIFY sys_user_id VARCHAR(16)")
-    panel.sql("UPDATE subdomains SET sys_user_type = 'native', sys_user_id = %s", "7'")
-    with pytest.raises(Exception) as failure:
-        panel.sql("select u.login from sys_users u where u.id='7''")
-    words = failure.value.args[1]
+    words = fail_from_read(panel, "sys_users", 3)  # the domain and its subdomains read the domain's user
     result = write_domain(panel, "example.test")
     assert result.status == 1
     assert_reported(result, after_database(f"Unable to define sys_users parameters: {words}"))

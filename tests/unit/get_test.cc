@@ -166,6 +166,15 @@ TEST_F(domain_id, of_a_name_with_a_quote_aborts_the_run) {
     EXPECT_TRUE(aborted_in(run_in_child([name] { get_dom_id(name, nullptr); }), "get.c", "get_dom_id"));
 }
 
+TEST_F(domain_id, of_a_name_that_gets_a_quote_by_its_conversion_aborts_the_run_before_the_statement) {
+  add_domain(7, "a.example");
+  const statement_log log;
+  for (const char *name : {"x\uff07 or name=\uff07a.example", "a\uff02.example", "a\uff3c.example"})
+    EXPECT_TRUE(aborted_in(run_in_child([name] { get_dom_id(name, nullptr); }), "get.c", "get_dom_id"));
+  for (const std::string &statement : log.statements())
+    EXPECT_EQ(statement.find("from domains"), std::string::npos) << statement;
+}
+
 TEST_F(domain_id, lives_in_a_buffer_that_the_next_call_overwrites) {
   add_domain(7, "a.example");
   add_domain(8, "b.example");
