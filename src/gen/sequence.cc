@@ -8,6 +8,7 @@
 #include "env/config.h"
 #include "fs/accounts.h"
 #include "fs/atomic.h"
+#include "fs/names.h"
 #include "fs/tree.h"
 #include "gen/domain_host.h"
 #include "gen/domain_query.h"
@@ -26,6 +27,11 @@ bounded_text include_file_of(const char *domain) {
 void require_domain_name(const char *domain) {
   if (is_empty(domain))
     end_run("Error: empty DomainName");
+}
+
+void require_plain_name(const char *domain) {
+  if (!is_plain_name(domain))
+    end_run("Domain name %s cannot be a part of a path\n", domain);
 }
 
 unique_result select_domain(const char *domain, MYSQL *db) {
@@ -85,9 +91,14 @@ void print_domain_hosts(FILE *out, const domain_record &domain, MYSQL *db) {
   print_domain_host(out, domain, PLAIN_HOST, db);
 }
 
+// A name that leads elsewhere must not stop the others, so it is left out here where it would end its own run.
 void create_each(const unique_result &domains, MYSQL *db) {
-  while (MYSQL_ROW row = mysql_fetch_row(domains.get()))
-    create_vhost_config(row[1], db);
+  while (MYSQL_ROW row = mysql_fetch_row(domains.get())) {
+    if (!is_empty(row[1]) && !is_plain_name(row[1]))
+      report_failure(0, 0, "Domain name %s cannot be a part of a path, virtual host skipped\n", row[1]);
+    else
+      create_vhost_config(row[1], db);
+  }
 }
 
 } // namespace
@@ -101,6 +112,7 @@ int create_vhost_config(const char *name, MYSQL *db) {
     report_failure(0, 0, "Virtual host parameters not found.\n");
     return 0;
   }
+  require_plain_name(name);
   domain_record domain = decode_row(name, row);
   domain.tomcat_status = get_service_status(domain.id, "tomcat", db);
   const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
@@ -130,6 +142,7 @@ int create_vhost_config(const char *name, MYSQL *db) {
 
 void remove_vhost_config(const char *domain) {
   require_domain_name(domain);
+  require_plain_name(domain);
   const bounded_text path = include_file_of(domain);
   if (path_exists(path.c_str()))
     unlink(path.c_str());

@@ -6,6 +6,7 @@
 #include "env/config.h"
 #include "env/webserver.h"
 #include "fs/atomic.h"
+#include "fs/names.h"
 #include "fs/tree.h"
 #include "gen/connectors.h"
 #include "gen/forward.h"
@@ -97,8 +98,24 @@ void print_global_directives(FILE *out, const char *host_name, const char *admin
                  "</IfDefine>\n\n");
 }
 
+bool leads_elsewhere(const char *name) {
+  return !is_empty(name) && !is_plain_name(name);
+}
+
+// The ASCII form of a domain's name. Null, after a report, when the name may not stand in paths and directives, as
+// stored or after the conversion, which makes a plain slash or quote of the wide ones: the others must be served.
+unique_text site_name(const char *name) {
+  unique_text ascii_name = !leads_elsewhere(name) ? idn_toascii_safe(name) : nullptr;
+  if (ascii_name && !leads_elsewhere(ascii_name.get()))
+    return ascii_name;
+  report_failure(0, 0, "Domain name %s cannot be a part of a path, virtual host skipped\n", name);
+  return nullptr;
+}
+
 void print_include(FILE *out, const char *name) {
-  const unique_text ascii_name = idn_toascii_safe(name);
+  const unique_text ascii_name = site_name(name);
+  if (!ascii_name)
+    return;
   const bounded_text path("%s/%s%s", HTTPD_VHOSTS_D, ascii_name.get(), "/conf/httpd.include");
   if (path_exists(path.c_str()))
     fprintf(out, "Include %s\n\n", path.c_str());
@@ -121,7 +138,9 @@ void print_includes(FILE *out, const char *which_domains, MYSQL *db) {
 void print_forwarding_host(FILE *out, MYSQL_ROW row, MYSQL *db) {
   const char *url = text_or_empty(row[3]);
   const char *ascii_url = idn_url_toascii(url);
-  const unique_text ascii_name = idn_toascii_safe(text_or_empty(row[1]));
+  const unique_text ascii_name = site_name(text_or_empty(row[1]));
+  if (!ascii_name)
+    return;
   const char *type = text_or_empty(row[5]);
   const forward_host host = {
       .port = PLAIN_HOST.port,

@@ -5,6 +5,7 @@
 #include "db/query.h"
 #include "env/config.h"
 #include "fs/accounts.h"
+#include "fs/names.h"
 #include "fs/text.h"
 #include "fs/tree.h"
 #include "gen/connectors.h"
@@ -187,6 +188,11 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
   const unique_result rows = select_subdomains(domain, db);
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     subdomain_record sub = decode_row(domain, row);
+    if (!is_empty(sub.label) && !is_plain_name(sub.label)) {
+      report_failure(0, 0, "Subdomain name %s of %s cannot be a part of a path, subdomains skipped\n",
+                     sub.label, domain);
+      return -1;
+    }
     const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
     const bounded_text full_name("%s.%s", sub.label, domain);
     char user[TEXT_SIZE];
