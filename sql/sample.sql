@@ -98,6 +98,7 @@ INSERT INTO domainaliases (dom_id, name, status, web) VALUES
   (1,  'lake-side.example',        '0', 'true'),
   (1,  'mail.lakeside.example',    '0', 'false'),          -- for mail only
   (2,  'anna-bakes.example',       '0', 'true'),
+  (6,  'xn--bcher-kva.example',    '0', 'true'),           -- what browsers ask for
   (20, 'town-museum.example',      '0', 'true'),
   (20, 'old-museum.example',       '1', 'true');           -- switched off
 

@@ -1,98 +1,31 @@
 """A real Apache that reads what the program writes, and is started, reloaded and stopped by it.
 
 The program believes in the Apache 2.2 that the stand-in in the product's directory claims to be; what runs is Debian's
-2.4. It understands the written files as they are: the old access directives through mod_access_compat, and the modules
-that it lacks stand in sections of their own.
+2.4, with the main configuration and the init script of doc/examples.
 """
 
-import http.client
-import os
 import pathlib
 import re
 import socket
 
 import pytest
 
+import real_server
 import watch
-from panel import HTTPD_CONF_D, HTTPD_VHOSTS_D, PRODUCT_ROOT_D, wait_until
+from panel import CERT_FILE, HTTPD_VHOSTS_D, wait_until
 
 ADDRESS = "127.0.0.1"
-APACHE_2_4 = "/usr/sbin/apache2"
-MODULES_D = "/usr/lib/apache2/modules"
-MODULES = ["mpm_prefork", "authz_core", "authz_host", "access_compat", "alias", "dir", "headers", "mime", "userdir"]
 HUGE = 64 * 1024 * 1024
 
 
-class Apache:
-    """The server behind the init script of service apache."""
-
-    def __init__(self, panel, directory):
-        self.pid_file = directory / "httpd.pid"
-        self.error_log = directory / "error_log"
-        self.log = directory / "actions"
-        self.log.touch()
-        self._write_configuration(directory)
-        self._write_script(panel)
-
-    def _write_configuration(self, directory):
-        modules = "".join(f"LoadModule {name}_module {MODULES_D}/mod_{name}.so\n" for name in MODULES)
-        (HTTPD_CONF_D / "httpd.conf").write_text(f"""\
-ServerRoot {HTTPD_CONF_D}
-Listen {ADDRESS}:80
-PidFile {self.pid_file}
-DefaultRuntimeDir {directory}
-ErrorLog {self.error_log}
-{modules}
-User wwwrun
-Group wwwrun
-TypesConfig /dev/null
-AddType text/html .html
-DirectoryIndex index.html
-StartServers 2
-MinSpareServers 1
-Include {HTTPD_CONF_D}/conf.d/*.conf
-""")
-
-    def _write_script(self, panel):
-        # The name by which a running Apache 2 is known.
-        server = PRODUCT_ROOT_D / "apache/bin/httpd2-prefork"
-        server.symlink_to(APACHE_2_4)
-        panel.script("apache", f"""
-httpd() {{ {server} -f {HTTPD_CONF_D}/httpd.conf "$@" >/dev/null; }}
-runs() {{ [[ -s {self.pid_file} ]] && kill -0 "$(<{self.pid_file})" 2>/dev/null; }}
-
-echo "$1" >>{self.log}
-case $1 in
-restart) if runs; then httpd -k restart; else httpd -k start; fi ;;
-graceful) httpd -k graceful ;;
-status) runs || exit 3 ;;
-stop)
-    runs || exit 1
-    server=$(<{self.pid_file})
-    httpd -k stop
-    while [[ -e /proc/$server/stat ]]; do sleep 0.05; done ;;
-esac
-""")
-
-    @property
-    def actions(self):
-        """What the script was asked to do so far; how often it was asked whether the server runs is another matter."""
-        return [action for action in self.log.read_text().split() if action != "status"]
-
-    @property
-    def pid(self):
-        return int(self.pid_file.read_text())
+class Apache(real_server.Server):
+    """The server, asked at the one address that all sites of these tests have."""
 
     def answer(self, host, path="/"):
         """Status, Location header and text that the server gives for a path of a host."""
-        connection = http.client.HTTPConnection(ADDRESS, 80, timeout=30)
-        try:
-            connection.request("GET", path, headers={"Host": host, "Connection": "close"})
-            response = connection.getresponse()
-            self.headers = response.headers
-            return response.status, response.getheader("Location"), response.read().decode()
-        finally:
-            connection.close()
+        answer = self.ask(ADDRESS, host, path)
+        self.headers = answer.headers
+        return answer.status, answer.location, answer.text
 
     def serves(self, text, host, path="/", status=200):
         try:
@@ -106,10 +39,7 @@ esac
 
 @pytest.fixture
 def apache(panel, tmp_path):
-    if panel.in_place:
-        pytest.skip("needs a network of its own")
-    assert os.path.exists(APACHE_2_4), "script/bootstrap tests installs it"
-    return Apache(panel, tmp_path)
+    return Apache(panel, tmp_path, [CERT_FILE])
 
 
 def page(directory, text, name="index.html"):
@@ -140,7 +70,7 @@ def test_real_apache_serves_what_the_panel_says_from_its_start_to_its_stop(panel
     assert apache.actions == ["restart"]
     assert panel.run("-s").out == "is running\n"
     first = apache.pid
-    assert pathlib.Path(f"/proc/{first}/exe").samefile(APACHE_2_4)
+    assert pathlib.Path(f"/proc/{first}/exe").samefile(real_server.APACHE_2_4)
 
     wait_until(lambda: apache.serves("the shop", "shop.test"))
     assert apache.headers["X-Powered-By"] == "QuarryLin"
