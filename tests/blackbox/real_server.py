@@ -95,6 +95,11 @@ def complaint(example=EXAMPLE, certificates=True):
 
 # What does it answer?
 
+def make_certificates(*names):
+    """Makes a real certificate of every one that the panel names by now, and of these: each with its own name."""
+    subprocess.run([REPOSITORY / "sandbox/real-server", "--certificates", *names], check=True)
+
+
 class Answer:
     """What the server said: status, headers, text, and over TLS the certificate that it showed (DER)."""
 

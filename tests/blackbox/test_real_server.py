@@ -12,7 +12,7 @@ import pytest
 
 import real_server
 import watch
-from panel import CERT_FILE, HTTPD_VHOSTS_D, wait_until
+from panel import CERT_FILE, HTTPD_LOG_D, HTTPD_VHOSTS_D, PRODUCT_ROOT_D, wait_until
 
 ADDRESS = "127.0.0.1"
 HUGE = 64 * 1024 * 1024
@@ -191,3 +191,100 @@ def test_configuration_that_the_server_refuses_leaves_it_as_it_is(panel, apache)
     assert "NoSuchDirective" in result.err
     assert re.fullmatch(watch.said("Service apache failed to gracefully restart\n"), result.out)
     assert apache.serves("the shop", "shop.test")
+
+
+def test_change_of_the_default_domain_changes_who_answers(panel, apache):
+    page(HTTPD_VHOSTS_D / "default/htdocs", "the default host")
+    site(panel, "shop.test", "the shop")
+    site(panel, "cafe.test", "the café")
+    panel.forwarding("moved.test", "http://elsewhere.test/", ip=ADDRESS)
+    assert panel.run("-a", "-v", "-w").status == 0
+    assert panel.run("-p").status == 0
+    assert apache.serves("the default host", "unknown.test")
+
+    for name, text in (("cafe.test", "the café"), ("shop.test", "the shop")):
+        panel.default_domain(ADDRESS, name)
+        change(panel, "--set-default-domain", f"--ip-address={ADDRESS}", f"--vhost-name={name}")
+        wait_until(lambda: apache.serves(text, "unknown.test"))
+        assert apache.serves("the shop", "shop.test") and apache.serves("the café", "cafe.test")
+
+    panel.default_domain(ADDRESS, "moved.test")
+    change(panel, "--set-default-domain", f"--ip-address={ADDRESS}", "--vhost-name=moved.test")
+    wait_until(lambda: apache.redirects("http://elsewhere.test/", "unknown.test"))
+
+    panel.default_domain(ADDRESS, None)
+    change(panel, "--reset-default-domain", f"--ip-address={ADDRESS}")
+    wait_until(lambda: apache.serves("the default host", "unknown.test"))
+
+
+def test_new_certificate_of_an_address_is_shown_after_its_change(panel, apache):
+    site(panel, "shop.test", "the shop", ssl="true", same_ssl="true")
+    assert panel.run("-a", "-v", "-w").status == 0
+    assert panel.run("-p").status == 0
+    answer = apache.ask(ADDRESS, "shop.test", tls=True)
+    assert answer.text == "the shop" and CERT_FILE.encode() in answer.certificate
+
+    panel.sql("UPDATE IP_Addresses SET ssl_certificate_id = %s", panel.certificate("cert-renewed"))
+    real_server.make_certificates()
+    change(panel, "--set-certificate", f"--ip-address={ADDRESS}")
+    for host in ("shop.test", "unknown.test"):
+        wait_until(lambda: b"cert-renewed" in apache.ask(ADDRESS, host, tls=True).certificate)
+    assert apache.ask(ADDRESS, "shop.test", tls=True).text == "the shop"
+
+
+def test_protection_of_a_directory_comes_and_goes(panel, apache):
+    shop = site(panel, "shop.test", "the shop")
+    assert panel.run("-a", "-v", "-w").status == 0
+    assert panel.run("-p").status == 0
+    (shop.directory / "httpdocs/back-office").mkdir()
+    page(shop.directory / "httpdocs/back-office", "the books")
+    (shop.directory / "pd/d..httpdocs@back-office").write_text("boss:{SHA}CEo1Ae3vaEXy8eQZjsOiuBz1xrw=\n")
+    assert apache.serves("the books", "shop.test", "/back-office/")
+
+    panel.protect(shop, "/back-office", realm="Staff")
+    change(panel, "--add-protection", "--vhost-name=shop.test")
+    wait_until(lambda: apache.answer("shop.test", "/back-office/")[0] == 401)
+    assert apache.headers["WWW-Authenticate"] == 'Basic realm="Staff"'
+    assert apache.ask(ADDRESS, "shop.test", "/back-office/", user="boss").text == "the books"
+    assert apache.serves("the shop", "shop.test")
+
+    panel.sql("DELETE FROM protected_dirs")
+    change(panel, "--remove-protections", "--vhost-name=shop.test")
+    wait_until(lambda: apache.serves("the books", "shop.test", "/back-office/"))
+
+
+def test_piped_log_has_all_visits_under_the_name_and_port_of_their_host(panel, apache):
+    log = HTTPD_LOG_D / "piped"
+    logger = PRODUCT_ROOT_D / "admin/sbin/pipelog"
+    logger.parent.mkdir(parents=True)
+    logger.write_text(f"#!/bin/sh\nexec cat >>{log}\n")
+    logger.chmod(0o755)
+    panel.misc("apache_pipelog", "true")
+    shop = site(panel, "shop.test", "the shop", ssl="true", same_ssl="true")
+    panel.alias(shop, "boutique.test")
+    panel.subdomain(shop, "news")
+    assert panel.run("-a", "-v", "-w").status == 0
+    assert panel.run("-p").status == 0
+    for host, tls, prefix in (("shop.test", False, "shop.test@@80@@"), ("boutique.test", False, "shop.test@@80@@"),
+                              ("boutique.test", True, "shop.test@@443@@"), ("news.shop.test", False, "news.shop.test@@80@@"),
+                              ("webmail.unknown.test", False, "default@@80@@")):
+        path = f"/visit-{host}-{tls}"
+        apache.ask(ADDRESS, host, path, tls=tls)
+        wait_until(lambda: re.search(rf'(?m)^{re.escape(prefix)}{ADDRESS} - - \[[^]]+\] "GET {path} HTTP/1\.1" 404 \d+ "-" "-"$',
+                                     log.read_text()))
+    assert not list((shop.directory / "statistics/logs").glob("access*"))
+    assert (shop.directory / "statistics/logs/error_log").exists()
+
+
+def test_visitors_above_the_limit_of_connections_are_told_so(panel, apache):
+    shop = site(panel, "shop.test", "the shop", max_connection="1", traffic_bandwidth="100000000")
+    (shop.directory / "httpdocs/huge").write_bytes(bytes(HUGE))
+    site(panel, "cafe.test", "the café")
+    assert panel.run("-a", "-v", "-w").status == 0
+    assert panel.run("-p").status == 0
+    with socket.create_connection((ADDRESS, 80), timeout=60) as visitor:
+        visitor.sendall(b"GET /huge HTTP/1.0\r\nHost: shop.test\r\n\r\n")
+        assert visitor.recv(1000)
+        assert apache.answer("shop.test")[0] == 510
+        assert apache.serves("the café", "cafe.test")
+    wait_until(lambda: apache.serves("the shop", "shop.test"))
