@@ -19,6 +19,41 @@ namespace {
 
 constexpr char LOCK_DIRECTORY[] = "/var/lock/files";
 
+// The directory lies under one that everybody may write to, so somebody else may have put it there.
+bool is_safe_lock_directory(const unique_fd &directory) {
+  struct stat status;
+  return fstat(directory.fd, &status) == 0 && !S_ISLNK(status.st_mode) && status.st_uid == 0 &&
+         (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Empties the file, unless it is somebody's under another name. Returns whether that went well.
+bool empty_lock_file(int fd) {
+  struct stat status;
+  if (fstat(fd, &status) != 0)
+    return false;
+  const bool ours = S_ISREG(status.st_mode) && status.st_nlink == 1;
+  return !ours || status.st_size == 0 || ftruncate(fd, 0) == 0;
+}
+
+// Opens or makes a lock file. Returns its descriptor, or -1 with errno set after a report.
+int open_lock_file(const char *path) {
+  const unique_fd directory(open(LOCK_DIRECTORY, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (directory.fd >= 0 && !is_safe_lock_directory(directory)) {
+    errno = EPERM;
+    report_failure(0, 0, "Lock directory %s must be root's, no link, and nobody else's to write\n",
+                   LOCK_DIRECTORY);
+    return -1;
+  }
+  unique_fd lock_file;
+  if (directory.fd >= 0)
+    lock_file.reset(
+        openat(directory.fd, path + sizeof LOCK_DIRECTORY, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (lock_file.fd >= 0 && empty_lock_file(lock_file.fd))
+    return lock_file.release();
+  report_failure(0, 0, "Unable to open file \"%s\": %s.", path, std::strerror(errno));
+  return -1;
+}
+
 void write_lines(FILE *stream, const char *const *lines) {
   for (; *lines != nullptr; ++lines) {
     const std::size_t length = std::strlen(*lines);
@@ -28,8 +63,16 @@ void write_lines(FILE *stream, const char *const *lines) {
   }
 }
 
-bool append_lines(const char *path, const char *const *lines) {
-  unique_file stream(std::fopen(path, "ae"));
+// Opens the file for appending, making it if it is missing; a pipe that nobody reads is a failure and no wait.
+unique_fd open_for_appending(const char *path) {
+  unique_fd file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666));
+  if (file.fd < 0)
+    report_failure(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
+  return file;
+}
+
+bool append_lines(const unique_fd &file, const char *path, const char *const *lines) {
+  unique_file stream(fdopen(fcntl(file.fd, F_DUPFD_CLOEXEC, 0), "a"));
   if (!stream) {
     report_failure(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
     return false;
@@ -42,12 +85,12 @@ bool append_lines(const char *path, const char *const *lines) {
   return true;
 }
 
-bool restore_owner_and_mode(const char *path, const struct stat &before) {
-  if (chown(path, before.st_uid, before.st_gid) != 0) {
+bool restore_owner_and_mode(const unique_fd &file, const char *path, const struct stat &before) {
+  if (fchown(file.fd, before.st_uid, before.st_gid) != 0) {
     report_failure(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, std::strerror(errno));
     return false;
   }
-  if (chmod(path, before.st_mode & 07777) != 0) {
+  if (fchmod(file.fd, before.st_mode & 07777) != 0) {
     report_failure(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", path, std::strerror(errno));
     return false;
   }
@@ -78,11 +121,9 @@ unique_lock lock_file(const char *path) {
   unique_lock lock(new (memory) file_lock);
   char digest[33];
   lock->path = xasprintf("%s/%s", LOCK_DIRECTORY, md5_hex("", path, digest));
-  lock->fd = open(lock->path.get(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (lock->fd < 0) {
-    report_failure(0, 0, "Unable to open file \"%s\": %s.", lock->path.get(), std::strerror(errno));
+  lock->fd = open_lock_file(lock->path.get());
+  if (lock->fd < 0)
     return lock;
-  }
   if (flock(lock->fd, LOCK_EX) != 0) {
     unique_fd(lock->fd).reset();
     lock->fd = errno == EAGAIN ? 0 : -1;
@@ -127,7 +168,9 @@ int file_str(const char *path, const char *const *lines, int mode, int sub_mode)
     return 1;
   }
 
-  if (!append_lines(path, lines) || (existed && !restore_owner_and_mode(path, before))) {
+  const unique_fd file = open_for_appending(path);
+  if (file.fd < 0 || !append_lines(file, path, lines) ||
+      (existed && !restore_owner_and_mode(file, path, before))) {
     unlock_file(std::move(lock));
     return 1;
   }

@@ -2,7 +2,7 @@
 //
 // Whoever wants to change the file P takes an exclusive flock on "/var/lock/files/<MD5 of P>". Every utility of the
 // panel derives the same name, so two of them serialise on P and on nothing else. The lock files stay on disk; the
-// lock goes with the descriptor.
+// lock goes with the descriptor. The directory is root's alone, or no lock is taken in it, and no link in it is followed.
 #pragma once
 
 #include "driver/report.h"
@@ -23,7 +23,7 @@ struct free_lock {
 using unique_lock = std::unique_ptr<file_lock, free_lock>;
 
 // Locks `path`, waiting as long as necessary. Returns a handle for unlock_file whether or not the lock was got (see
-// lock_is_held; a lock file that cannot be opened has been reported), or null when out of memory.
+// lock_is_held; a lock file that cannot be opened and an unsafe directory have been reported), or null when out of memory.
 unique_lock lock_file(const char *path);
 
 // 1 when the handle holds its lock, 0 otherwise or for null.

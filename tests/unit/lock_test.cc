@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <functional>
 #include <linux/capability.h>
@@ -20,6 +21,9 @@ namespace {
 // What the system's functions below are to fail at: any close, with EIO; any flock, with this number.
 bool close_fails = false;
 int flock_error = 0;
+
+// A file that is a link to "other" beside it from its first closing on.
+std::string replaced_by_link;
 
 constexpr char LOCK_DIRECTORY[] = "/var/lock/files";
 constexpr char EXAMPLE[] = "/etc/example.cnf";
@@ -203,8 +207,9 @@ TEST_F(lock, that_is_refused_is_0_when_busy_and_negative_otherwise) {
       const unique_lock handle = lock_file(EXAMPLE);
       if (lock_is_held(handle.get()) != 0 || handle->path.get() != std::string(EXAMPLE_LOCK))
         return 1;
-      if (fcntl(free_descriptor, F_GETFD) != -1) // the lock file's is closed
-        return 2;
+      for (const int number : {free_descriptor, free_descriptor + 1}) // of the directory and the lock file
+        if (fcntl(number, F_GETFD) != -1)
+          return 2;
       return (c.busy ? handle->fd == 0 : handle->fd == -1) ? 0 : 3;
     })));
   }
@@ -229,6 +234,76 @@ TEST_F(lock, file_that_cannot_be_opened_is_reported_and_the_handle_negative) {
                "Unable to open file \"/var/lock/files/06ef9ca7df2636da219c076542d92291\": Is a directory.\n"
                "System error 21: Is a directory\n"));
   rmdir(EXAMPLE_LOCK);
+}
+
+// Makes `path` unsafe by `spoil` and expects that no lock is taken.
+void expect_refused_directory(const std::function<void()> &spoil) {
+  const std::string aside = std::string(LOCK_DIRECTORY) + ".aside";
+  ASSERT_EQ(rename(LOCK_DIRECTORY, aside.c_str()), 0);
+  spoil();
+  const outcome run = run_in_child([] {
+    const unique_lock handle = lock_file(EXAMPLE);
+    return handle->fd < 0 && lock_is_held(handle.get()) == 0 ? 7 : 1;
+  });
+  const bool untouched = !exists(EXAMPLE_LOCK);
+  if (unlink(LOCK_DIRECTORY) != 0)
+    rmdir(LOCK_DIRECTORY);
+  ASSERT_EQ(rename(aside.c_str(), LOCK_DIRECTORY), 0);
+  EXPECT_TRUE(untouched);
+  EXPECT_TRUE(reported(run, 7,
+                       "Lock directory /var/lock/files must be root's, no link, and nobody else's to write\n"
+                       "\n"
+                       "System error 1: Operation not permitted\n"));
+}
+
+TEST_F(lock, is_not_taken_in_a_directory_that_others_may_write) {
+  for (const mode_t mode : {0775U, 0757U, 01777U})
+    expect_refused_directory([=] {
+      ASSERT_EQ(mkdir(LOCK_DIRECTORY, 0755), 0);
+      ASSERT_EQ(chmod(LOCK_DIRECTORY, mode), 0);
+    });
+}
+
+TEST_F(lock, is_not_taken_in_a_directory_that_is_not_root_s) {
+  expect_refused_directory([] {
+    ASSERT_EQ(mkdir(LOCK_DIRECTORY, 0755), 0);
+    ASSERT_EQ(chown(LOCK_DIRECTORY, 30030, 0), 0);
+  });
+}
+
+TEST_F(lock, is_not_taken_behind_a_link_in_place_of_the_directory) {
+  const temporary_directory elsewhere;
+  ASSERT_EQ(chmod(elsewhere.path.c_str(), 0755), 0);
+  expect_refused_directory([&] { ASSERT_EQ(symlink(elsewhere.path.c_str(), LOCK_DIRECTORY), 0); });
+  EXPECT_EQ(entries(elsewhere.path), std::vector<std::string>{});
+}
+
+TEST_F(lock, file_that_is_a_link_is_not_followed) {
+  const temporary_directory directory;
+  write_file(directory / "victim", "kept");
+  for (const std::string &target : {directory / "victim", directory / "missing"}) {
+    unlink(EXAMPLE_LOCK);
+    ASSERT_EQ(symlink(target.c_str(), EXAMPLE_LOCK), 0);
+    EXPECT_TRUE(reported(run_in_child([] { return lock_file(EXAMPLE)->fd < 0 ? 7 : 1; }), 7,
+                         "Unable to open file \"/var/lock/files/06ef9ca7df2636da219c076542d92291\": "
+                         "Too many levels of symbolic links.\n"
+                         "System error 40: Too many levels of symbolic links\n"));
+  }
+  unlink(EXAMPLE_LOCK);
+  EXPECT_EQ(read_file(directory / "victim"), "kept");
+  EXPECT_FALSE(exists(directory / "missing"));
+}
+
+TEST_F(lock, file_that_is_another_one_under_a_second_name_is_not_emptied) {
+  const std::string victim = std::string(LOCK_DIRECTORY) + "/victim";
+  write_file(victim, "kept");
+  unlink(EXAMPLE_LOCK);
+  ASSERT_EQ(link(victim.c_str(), EXAMPLE_LOCK), 0);
+  const unique_lock handle = lock_file(EXAMPLE);
+  EXPECT_EQ(lock_is_held(handle.get()), 1);
+  EXPECT_EQ(read_file(victim), "kept");
+  unlink(EXAMPLE_LOCK);
+  unlink(victim.c_str());
 }
 
 TEST(lock_handle, held_means_a_descriptor_above_0) {
@@ -516,6 +591,27 @@ TEST_F(edit, file_in_a_missing_directory_is_reported) {
                            "System error 2: No such file or directory\n"));
 }
 
+TEST_F(edit, pipe_without_a_reader_is_reported_and_not_waited_for) {
+  ASSERT_EQ(mkfifo(file.c_str(), 0644), 0);
+  EXPECT_TRUE(reported(append({"abc"}), 1,
+                       "Unable to open file " + file +
+                           ": No such device or address\n"
+                           "\n"
+                           "System error 6: No such device or address\n"));
+}
+
+TEST_F(edit, owner_and_mode_are_given_back_to_the_file_that_was_edited) {
+  write_file(directory / "other", "");
+  write_file(file, "");
+  ASSERT_EQ(chown(file.c_str(), 30030, 30031), 0);
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    replaced_by_link = file; // by the time that the owner is given back
+    const char *const lines[] = {"abc", nullptr};
+    return file_str(file.c_str(), lines, EDIT_ADD, ADD_APPEND);
+  })));
+  EXPECT_EQ(owner_and_mode(directory / "other"), "0:0 0644");
+}
+
 TEST_F(edit, lines_that_get_lost_on_closing_are_reported_and_the_lock_released) {
   EXPECT_TRUE(reported(run_in_child([] {
                          const char *const lines[] = {"abc", nullptr};
@@ -620,4 +716,13 @@ extern "C" int close(int fd) {
     return -1;
   }
   return static_cast<int>(syscall(SYS_close, fd));
+}
+
+extern "C" int fclose(FILE *stream) {
+  static const auto system_fclose = reinterpret_cast<int (*)(FILE *)>(dlsym(RTLD_NEXT, "fclose"));
+  if (!replaced_by_link.empty() &&
+      (unlink(replaced_by_link.c_str()) != 0 || symlink("other", replaced_by_link.c_str()) != 0))
+    std::abort();
+  replaced_by_link.clear();
+  return system_fclose(stream);
 }
