@@ -1,8 +1,8 @@
 #include "env/webserver.h"
 
 #include "env/config.h"
+#include "fs/presence.h"
 #include "fs/text.h"
-#include "fs/tree.h"
 #include "proc/exec.h"
 
 #include <cerrno>
@@ -117,8 +117,14 @@ void get_apache_path(char **magic, int *version, int *minor) {
 const char *apache_conf_file() {
   enter_configuration_directory();
   for (const char *name : {"httpd.conf", "httpsd.conf", "apache.conf", "httpd2.conf"})
-    if (path_exists(name))
+    switch (look_for(name)) {
+    case presence::absent:
+      break;
+    case presence::there:
       return name;
+    case presence::unknown:
+      end_run("Unable to look for %s/%s: %s\n", HTTPD_CONF_D, name, std::strerror(errno));
+    }
   end_run("No apache configuration file found in %s", HTTPD_CONF_D);
 }
 

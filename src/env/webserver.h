@@ -12,7 +12,7 @@ extern int pipelog;        // 1 when one piped log for all hosts replaces their 
 void get_apache_path(char **magic, int *version, int *minor);
 
 // Name, not path, of Apache's main configuration file (static text), after changing into HTTPD_CONF_D. Ends the run
-// when there is none.
+// when there is none, or nobody can tell.
 const char *apache_conf_file();
 
 // The second word of that file's last ServerRoot line, quotes and trailing newline included, in a static buffer of

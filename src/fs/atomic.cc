@@ -41,7 +41,7 @@ staged_file open_staged_file(const bounded_text &target) {
   struct stat status;
   if (lstat(file.work.c_str(), &status) == 0) // a dangling link, too, would lead us elsewhere
     unlink(file.work.c_str());
-  unique_fd fd(open(file.work.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  unique_fd fd(open(file.work.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (fd.fd >= 0)
     file.out.reset(fdopen(fd.fd, "w"));
   if (!file.out)

@@ -21,7 +21,7 @@ struct staged_file {
   unique_file out;
 };
 
-// Removes a stale work file of `target` and opens a new one for writing. Ends the run when that fails.
+// Removes a stale work file of `target` and opens a new one, closed to others, for writing. Ends the run when that fails.
 staged_file open_staged_file(const bounded_text &target);
 
 // Closes the work file, puts its content in place as root:root with mode 0644 and removes it.

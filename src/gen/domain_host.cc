@@ -3,8 +3,8 @@
 #include "db/query.h"
 #include "env/config.h"
 #include "env/webserver.h"
+#include "fs/presence.h"
 #include "fs/text.h"
-#include "fs/tree.h"
 #include "gen/connectors.h"
 #include "gen/print.h"
 
@@ -42,7 +42,7 @@ void print_statistics_redirects(FILE *out, const char *name) {
   fprintf(out, "\tRedirect permanent /awstats-icon https://%s/awstats-icon\n", name);
 }
 
-void print_statistics_aliases(FILE *out, const char *name) {
+int print_statistics_aliases(FILE *out, const char *name) {
   fprintf(out, "\tAlias  /quarry-stat %s/%s/statistics/\n", HTTPD_VHOSTS_D, name);
   fprintf(out, "\t<Location  /quarry-stat/>\n"
                "\t\tOptions +Indexes\n"
@@ -54,10 +54,12 @@ void print_statistics_aliases(FILE *out, const char *name) {
   fprintf(out, "\tAlias  /webstat-ssl %s/%s/statistics/webstat-ssl\n", HTTPD_VHOSTS_D, name);
   fprintf(out, "\tAlias  /ftpstat %s/%s/statistics/ftpstat\n", HTTPD_VHOSTS_D, name);
   fprintf(out, "\tAlias  /anon_ftpstat %s/%s/statistics/anon_ftpstat\n", HTTPD_VHOSTS_D, name);
-  if (path_exists(bounded_text("%s/icon", AWSTATS_DOC_D).c_str()))
-    fprintf(out, "\tAlias  /awstats-icon %s/icon\n", AWSTATS_DOC_D);
-  else
-    fprintf(out, "\tAlias  /awstats-icon %s\n", AWSTATS_DOC_D);
+  const bounded_text icons("%s/icon", AWSTATS_DOC_D);
+  const presence found = look_for(icons.c_str());
+  if (found == presence::unknown)
+    return report_unknown(icons.c_str());
+  fprintf(out, "\tAlias  /awstats-icon %s\n", found == presence::there ? icons.c_str() : AWSTATS_DOC_D);
+  return 0;
 }
 
 // Statistics are shown over SSL only, where there is SSL.
@@ -167,16 +169,17 @@ void print_cgi_protections(FILE *out, const domain_record &domain, const host_ki
   }
 }
 
-void print_includes(FILE *out, const domain_record &domain, const host_kind &kind) {
+int print_includes(FILE *out, const domain_record &domain, const host_kind &kind) {
   const bounded_text applications("%s/%s/conf/%s", HTTPD_VHOSTS_D, domain.name, kind.site_applications);
-  print_site_applications_include(out, applications.c_str());
+  if (print_site_applications_include(out, applications.c_str()) != 0)
+    return -1;
   const bounded_text custom("%s/%s/conf/%s", HTTPD_VHOSTS_D, domain.name, kind.custom_include);
-  print_custom_include(out, custom.c_str());
+  return print_custom_include(out, custom.c_str());
 }
 
 } // namespace
 
-void print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
+int print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
   const char *docs = docs_of(kind, domain.same_ssl);
 
   fprintf(out, "<VirtualHost %s:%s>\n", domain.ip_address, kind.port);
@@ -196,8 +199,8 @@ void print_domain_host(FILE *out, const domain_record &domain, const host_kind &
     print_domain_miva(out, domain, docs);
   if (domain.webstat && redirects_statistics(domain, kind))
     print_statistics_redirects(out, domain.name);
-  else if (domain.webstat)
-    print_statistics_aliases(out, domain.name);
+  else if (domain.webstat && print_statistics_aliases(out, domain.name) != 0)
+    return -1;
   if (kind.ssl)
     print_ssl_certificate(out, domain.cert_file, domain.ca_file);
   else
@@ -206,8 +209,8 @@ void print_domain_host(FILE *out, const domain_record &domain, const host_kind &
   print_web_users(out, domain, kind, db);
   print_document_protections(out, domain, kind, docs, db);
   print_cgi_protections(out, domain, kind, db);
-  if (domain.error_docs)
-    print_error_docs(out, domain.name);
+  if (domain.error_docs && print_error_docs(out, domain.name) != 0)
+    return -1;
   if (domain.tomcat_status == 0)
     print_tomcat(out, domain.id, domain.name, db);
   if (Apache2 && (kind.ssl ? domain.fp_ssl : domain.fp))
@@ -215,6 +218,8 @@ void print_domain_host(FILE *out, const domain_record &domain, const host_kind &
   if (domain.coldfusion)
     print_coldfusion(out, db);
   print_bandwidth(out, domain.traffic_bandwidth, domain.max_connection);
-  print_includes(out, domain, kind);
+  if (print_includes(out, domain, kind) != 0)
+    return -1;
   fprintf(out, "</VirtualHost>\n\n");
+  return 0;
 }

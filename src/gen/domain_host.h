@@ -41,5 +41,6 @@ struct domain_record {
   bool wu_script;
 };
 
-// One host. A query that fails ends the run.
-void print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db);
+// One host. Returns 0, or -1 after a report when nobody can tell whether one of the site's files is there; what was
+// written before stays in the stream. A query that fails ends the run.
+int print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db);

@@ -5,10 +5,11 @@
 #include "env/config.h"
 #include "env/webserver.h"
 #include "fs/accounts.h"
+#include "fs/presence.h"
 #include "fs/text.h"
-#include "fs/tree.h"
 
 #include <array>
+#include <cerrno>
 
 namespace {
 
@@ -49,6 +50,14 @@ void print_php_switches(FILE *out, bool enabled, bool safe_mode, const char *ope
   fprintf(out, "\t\tphp_admin_flag safe_mode %s\n", safe_mode ? "on" : "off");
   if (!is_empty(open_basedir))
     fprintf(out, "\t\tphp_admin_value open_basedir \"%s:/tmp\"\n", open_basedir);
+}
+
+int print_include_of(FILE *out, const char *path, presence found) {
+  if (found == presence::unknown)
+    return report_unknown(path);
+  if (found == presence::there)
+    fprintf(out, "\tInclude %s\n", path);
+  return 0;
 }
 
 } // namespace
@@ -195,16 +204,23 @@ unique_text protected_dir_password_file(const char *domain, const char *relative
   return path;
 }
 
-void print_error_docs(FILE *out, const char *domain) {
+int print_error_docs(FILE *out, const char *domain) {
   const unique_text directory = xasprintf("%s/%s/error_docs", HTTPD_VHOSTS_D, domain);
   fprintf(out, "\tAlias \"/error_docs\" \"%s\"\n", directory.get());
   for (const error_page &row : ERROR_PAGES)
-    print_error_doc(out, directory.get(), row.status, row.page);
+    if (print_error_doc(out, directory.get(), row.status, row.page) != 0)
+      return -1;
+  return 0;
 }
 
-void print_error_doc(FILE *out, const char *error_docs, const char *status, const char *page) {
-  if (path_exists(bounded_text("%s/%s", error_docs, page).c_str()))
+int print_error_doc(FILE *out, const char *error_docs, const char *status, const char *page) {
+  const bounded_text path("%s/%s", error_docs, page);
+  const presence found = look_for(path.c_str());
+  if (found == presence::unknown)
+    return report_unknown(path.c_str());
+  if (found == presence::there)
     fprintf(out, "\tErrorDocument %s /error_docs/%s\n", status, page);
+  return 0;
 }
 
 void print_tomcat(FILE *out, const char *dom_id, const char *domain, MYSQL *db) {
@@ -281,12 +297,15 @@ void print_options(FILE *out, bool includes, bool exec_cgi) {
   fprintf(out, "\t\tOptions %cIncludes %cExecCGI\n", includes ? '+' : '-', exec_cgi ? '+' : '-');
 }
 
-void print_site_applications_include(FILE *out, const char *path) {
-  if (is_directory(path))
-    fprintf(out, "\tInclude %s\n", path);
+int print_site_applications_include(FILE *out, const char *path) {
+  return print_include_of(out, path, look_for_directory(path));
 }
 
-void print_custom_include(FILE *out, const char *path) {
-  if (path_exists(path))
-    fprintf(out, "\tInclude %s\n", path);
+int print_custom_include(FILE *out, const char *path) {
+  return print_include_of(out, path, look_for(path));
+}
+
+int report_unknown(const char *path) {
+  report_failure(0, 0, "Unable to look for %s: %s\n", path, std::strerror(errno));
+  return -1;
 }

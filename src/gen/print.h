@@ -37,11 +37,11 @@ void print_protected_dir(FILE *out, const char *directory, const char *domain, c
 // characters, or memory is out.
 unique_text protected_dir_password_file(const char *domain, const char *relative_path);
 
-// The domain's own error pages, as far as they exist.
-void print_error_docs(FILE *out, const char *domain);
+// The domain's own error pages, as far as they exist. Returns 0, or -1 after a report when nobody can tell.
+int print_error_docs(FILE *out, const char *domain);
 
-// One of them: nothing when the page is missing.
-void print_error_doc(FILE *out, const char *error_docs, const char *status, const char *page);
+// One of them: nothing when the page is missing. Returns likewise.
+int print_error_doc(FILE *out, const char *error_docs, const char *status, const char *page);
 
 // The domain's active Tomcat web applications. Ends the run when they cannot be queried.
 void print_tomcat(FILE *out, const char *dom_id, const char *domain, MYSQL *db);
@@ -69,6 +69,10 @@ void print_logs(FILE *out, const char *domain, const char *access_log);
 // Options line of a Directory.
 void print_options(FILE *out, bool includes, bool exec_cgi);
 
-// Include lines of a host: the site applications directory if it is one, the custom file if there is anything.
-void print_site_applications_include(FILE *out, const char *path);
-void print_custom_include(FILE *out, const char *path);
+// Include lines of a host: the site applications directory if it is one, the custom file if there is anything. Return 0,
+// or -1 after a report when nobody can tell.
+int print_site_applications_include(FILE *out, const char *path);
+int print_custom_include(FILE *out, const char *path);
+
+// Reports that nobody can tell whether the path is there, with errno's reason. Returns -1.
+int report_unknown(const char *path);

@@ -9,12 +9,15 @@
 #include "fs/accounts.h"
 #include "fs/atomic.h"
 #include "fs/names.h"
+#include "fs/presence.h"
 #include "fs/tree.h"
 #include "gen/domain_host.h"
 #include "gen/domain_query.h"
 #include "gen/limits.h"
 #include "gen/print.h"
 #include "gen/subdomains.h"
+
+#include <cerrno>
 
 namespace {
 
@@ -81,14 +84,15 @@ domain_record decode_row(const char *name, MYSQL_ROW row) {
   };
 }
 
-void print_domain_hosts(FILE *out, const domain_record &domain, MYSQL *db) {
+int print_domain_hosts(FILE *out, const domain_record &domain, MYSQL *db) {
   print_warning_banner(out, domain.name, domain.ssl);
   if (domain.ssl) {
     fprintf(out, "<IfModule mod_ssl.c>\n\n");
-    print_domain_host(out, domain, SSL_HOST, db);
+    if (print_domain_host(out, domain, SSL_HOST, db) != 0)
+      return -1;
     fprintf(out, "</IfModule>\n\n");
   }
-  print_domain_host(out, domain, PLAIN_HOST, db);
+  return print_domain_host(out, domain, PLAIN_HOST, db);
 }
 
 // A name that leads elsewhere must not stop the others, so it is left out here where it would end its own run.
@@ -128,7 +132,10 @@ int create_vhost_config(const char *name, MYSQL *db) {
   domain.wu_script = is_flag_set(get_dom_param(domain.id, "wu_script", db));
 
   FILE *out = file.out.get();
-  print_domain_hosts(out, domain, db);
+  if (print_domain_hosts(out, domain, db) != 0) {
+    report_failure(0, 0, "Virtual host %s skipped\n", name);
+    return -1;
+  }
   if (domain.miva)
     mkdir_owned(bounded_text("%s/%s/mivadata", HTTPD_VHOSTS_D, name).c_str(), web_server_uid, hosting_gid,
                 0770);
@@ -144,8 +151,10 @@ void remove_vhost_config(const char *domain) {
   require_domain_name(domain);
   require_plain_name(domain);
   const bounded_text path = include_file_of(domain);
-  if (path_exists(path.c_str()))
-    unlink(path.c_str());
+  if (look_for(path.c_str()) == presence::absent)
+    return;
+  if (unlink(path.c_str()) != 0 && errno != ENOENT)
+    report_failure(0, 0, "Unable to remove %s: %s\n", path.c_str(), std::strerror(errno));
 }
 
 void create_ip_config(const char *ip_address, MYSQL *db) {

@@ -7,12 +7,14 @@
 #include "env/webserver.h"
 #include "fs/atomic.h"
 #include "fs/names.h"
-#include "fs/tree.h"
+#include "fs/presence.h"
 #include "gen/connectors.h"
 #include "gen/forward.h"
 #include "gen/host_kind.h"
 #include "gen/ip_hosts.h"
 #include "gen/print.h"
+
+#include <cerrno>
 
 namespace {
 
@@ -117,7 +119,10 @@ void print_include(FILE *out, const char *name) {
   if (!ascii_name)
     return;
   const bounded_text path("%s/%s%s", HTTPD_VHOSTS_D, ascii_name.get(), "/conf/httpd.include");
-  if (path_exists(path.c_str()))
+  const presence found = look_for(path.c_str());
+  if (found == presence::unknown)
+    end_run("Unable to look for %s: %s\n", path.c_str(), std::strerror(errno));
+  if (found == presence::there)
     fprintf(out, "Include %s\n\n", path.c_str());
   else
     report_failure(0, 0, "There is no file %s for Include directive.", path.c_str());

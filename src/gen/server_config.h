@@ -8,6 +8,6 @@
 #include <mysql.h>
 
 // Rewrites the whole file from the database and puts it in place in one step. A domain whose own file is missing, or
-// whose name cannot be a part of a path, is reported and left out; every other failure ends the run with the old file
-// untouched.
+// whose name cannot be a part of a path, is reported and left out. A file that nobody can look for, and every other
+// failure, ends the run with the old file untouched.
 void create_server_config(MYSQL *db);

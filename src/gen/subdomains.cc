@@ -102,8 +102,8 @@ void print_directory(FILE *out, const subdomain_record &sub, const host_kind &ki
   fprintf(out, "\t</Directory>\n");
 }
 
-void print_host(FILE *out, const subdomain_record &sub, const char *full_name, const char *user,
-                const host_kind &kind, MYSQL *db) {
+int print_host(FILE *out, const subdomain_record &sub, const char *full_name, const char *user,
+               const host_kind &kind, MYSQL *db) {
   const bounded_text documents = path_of(sub, docs_of(kind, sub.same_ssl));
 
   fprintf(out, "<VirtualHost %s:%s>\n", sub.ip_address, kind.port);
@@ -124,13 +124,16 @@ void print_host(FILE *out, const subdomain_record &sub, const char *full_name, c
   else
     print_ssl_off(out);
   print_directory(out, sub, kind, documents.c_str(), db);
-  if (sub.error_docs)
-    print_error_docs(out, sub.domain);
+  if (sub.error_docs && print_error_docs(out, sub.domain) != 0)
+    return -1;
   print_bandwidth(out, sub.traffic_bandwidth, sub.max_connection);
-  print_site_applications_include(
-      out, path_of(sub, bounded_text("conf/%s", kind.site_applications).c_str()).c_str());
-  print_custom_include(out, path_of(sub, "conf/vhost.conf").c_str());
+  const bounded_text applications = path_of(sub, bounded_text("conf/%s", kind.site_applications).c_str());
+  if (print_site_applications_include(out, applications.c_str()) != 0)
+    return -1;
+  if (print_custom_include(out, path_of(sub, "conf/vhost.conf").c_str()) != 0)
+    return -1;
   fprintf(out, "</VirtualHost>\n\n");
+  return 0;
 }
 
 // The login of the subdomain's own user in `login`. Returns false after a report when there is none.
@@ -204,10 +207,12 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
 
     if (sub.ssl) {
       fprintf(out, "<IfModule mod_ssl.c>\n\n");
-      print_host(out, sub, full_name.c_str(), user, SSL_HOST, db);
+      if (print_host(out, sub, full_name.c_str(), user, SSL_HOST, db) != 0)
+        return -1;
       fprintf(out, "</IfModule>\n\n");
     }
-    print_host(out, sub, full_name.c_str(), user, PLAIN_HOST, db);
+    if (print_host(out, sub, full_name.c_str(), user, PLAIN_HOST, db) != 0)
+      return -1;
     if (sub.miva)
       mkdir_owned(path_of(sub, "mivadata").c_str(), web_server_uid, hosting_gid, 0770);
   }

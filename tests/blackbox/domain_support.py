@@ -91,6 +91,13 @@ def run_restricted(panel, restriction, *args, timeout=60):
                      program="/bin/bash", timeout=timeout)
 
 
+def run_without_capabilities(panel, names, *args):
+    """Runs the program as root without some of root's powers."""
+    dropped = ",".join(f"-{name}" for name in names)
+    return panel.run(f"--inh-caps={dropped}", f"--bounding-set={dropped}", os.environ["HALYARD"], *args,
+                     program="/usr/bin/setpriv")
+
+
 # Parts of a file
 
 def expected(case):

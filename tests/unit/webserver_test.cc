@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <list>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -340,6 +341,23 @@ TEST_F(server_configuration, directory_without_any_of_the_names_ends_the_run) {
                        "No apache configuration file found in " + directory.path +
                            "\n"
                            "System error 2: No such file or directory\n"));
+}
+
+TEST_F(server_configuration, name_that_nobody_can_look_for_ends_the_run_instead_of_giving_way_to_the_next) {
+  ASSERT_EQ(symlink((directory / "closed/httpd.conf").c_str(), (directory / "httpd.conf").c_str()), 0);
+  write_file(directory / "httpd2.conf", "");
+  make_directories(directory / "closed");
+  ASSERT_EQ(chown((directory / "closed").c_str(), 31000, 31000), 0);
+  ASSERT_EQ(chmod((directory / "closed").c_str(), 0700), 0);
+  EXPECT_TRUE(reported(run_in_child([] {
+                         drop_capability(CAP_DAC_OVERRIDE);
+                         drop_capability(CAP_DAC_READ_SEARCH);
+                         apache_conf_file();
+                       }),
+                       1,
+                       "Unable to look for " + directory.path +
+                           "/httpd.conf: Permission denied\n"
+                           "\nSystem error 13: Permission denied\n"));
 }
 
 TEST_F(server_configuration, missing_directory_ends_the_run) {

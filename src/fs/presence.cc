@@ -1,0 +1,33 @@
+#include "fs/presence.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace {
+
+presence look(const char *path, struct stat &status) {
+  if (stat(path, &status) == 0)
+    return presence::there;
+  switch (errno) {
+  case ENOENT:
+  case ENOTDIR:
+  case ELOOP:
+  case ENAMETOOLONG:
+    return presence::absent;
+  default:
+    return presence::unknown;
+  }
+}
+
+} // namespace
+
+presence look_for(const char *path) {
+  struct stat status;
+  return look(path, status);
+}
+
+presence look_for_directory(const char *path) {
+  struct stat status;
+  const presence found = look(path, status);
+  return found == presence::there && !S_ISDIR(status.st_mode) ? presence::absent : found;
+}
