@@ -40,14 +40,14 @@ ERROR_LOG = HTTPD_LOG_D / "error_log"
 
 # Would it be read?
 
-def write_main_file(example=EXAMPLE):
+def write_main_file(example=EXAMPLE, preamble=PREAMBLE):
     """Makes the panel's httpd.conf of the preamble and the example, and what a server's directory has besides: its
     modules and the list of file types."""
     modules = HTTPD_CONF_D / "modules"
     if not modules.is_symlink():
         modules.symlink_to(MODULES_D)
     (HTTPD_CONF_D / "mime.types").write_text("text/html html htm\ntext/plain txt\nimage/gif gif\n")
-    MAIN_FILE.write_text(f"Include {PREAMBLE}\nInclude {example}\n")
+    MAIN_FILE.write_text(f"Include {preamble}\nInclude {example}\n")
 
 
 def written_files():
@@ -69,7 +69,7 @@ def make_missing_certificates():
                 path.write_text("stand-in for a certificate\n")
 
 
-def complaint(example=EXAMPLE, certificates=True):
+def complaint(example=EXAMPLE, certificates=True, preamble=PREAMBLE):
     """Has the real server read the configuration that the program has written into the panel's fixed places, without
     starting it (apache2 -t): the example main file, the server-wide file, and all that they include.
 
@@ -79,12 +79,13 @@ def complaint(example=EXAMPLE, certificates=True):
     example       another main file
     certificates  whether certificate files that are missing get a content first; without one the server complains, and
                   where they come from is not the program's business
+    preamble      other lines in front of it
 
     The panel's httpd.conf is written anew each time. To see whether the caller's own assertion can fail, put a line that
     no server knows into a domain's conf/vhost.conf: the complaint then names it.
     """
     assert APACHE_2_4.exists(), "script/bootstrap server installs it"
-    write_main_file(example)
+    write_main_file(example, preamble)
     if certificates:
         make_missing_certificates()
     result = subprocess.run([APACHE_2_4, "-t", "-f", MAIN_FILE], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
