@@ -142,8 +142,9 @@ give_to_owners() {
     done < <(sql --skip-column-names --execute="
         SELECT u.login, d.name FROM domains d, hosting h, sys_users u
         WHERE h.dom_id = d.id AND u.id = h.sys_user_id
-        UNION SELECT u.login, CONCAT(d.name, '/subdomains/', s.name) FROM domains d, hosting h, subdomains s, sys_users u
-        WHERE h.dom_id = d.id AND s.dom_id = d.id AND u.id = IF(s.sys_user_type = 'native', s.sys_user_id, h.sys_user_id)" kiv)
+        UNION SELECT u.login, CONCAT(d.name, '/subdomains/', s.name)
+        FROM domains d, hosting h, subdomains s, sys_users u WHERE h.dom_id = d.id AND s.dom_id = d.id
+        AND u.id = IF(s.sys_user_type = 'native', s.sys_user_id, h.sys_user_id)" kiv)
     for user in mayor clerk; do
         chown -R $user:kivcln "$vhosts/lakeside.example/web_users/$user"
     done

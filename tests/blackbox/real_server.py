@@ -1,7 +1,8 @@
 """A real web server for the panel's files: Debian's Apache 2.4 under doc/examples/httpd.conf.
 
-The files are written for 2.0 and 2.2. What 2.4 wants besides stands in sandbox/apache-2.4.conf, in front of the example;
-the example and the written files are read as they are. To ask whether the server would take what a run has written:
+The files are written for 2.0 and 2.2. What 2.4 wants besides stands in sandbox/apache-2.4.conf, in front of the
+example; the example and the written files are read as they are. To ask whether the server would take what a run has
+written:
 
     assert panel.run("--reconfigure-all", "-v", "-w").status == 0
     assert real_server.complaint() is None
@@ -81,8 +82,8 @@ def complaint(example=EXAMPLE, certificates=True, preamble=PREAMBLE):
                   where they come from is not the program's business
     preamble      other lines in front of it
 
-    The panel's httpd.conf is written anew each time. To see whether the caller's own assertion can fail, put a line that
-    no server knows into a domain's conf/vhost.conf: the complaint then names it.
+    The panel's httpd.conf is written anew each time. To see whether the caller's own assertion can fail, put a line
+    that no server knows into a domain's conf/vhost.conf: the complaint then names it.
     """
     assert APACHE_2_4.exists(), "script/bootstrap server installs it"
     write_main_file(example, preamble)

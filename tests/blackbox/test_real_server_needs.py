@@ -94,7 +94,7 @@ def test_server_with_no_more_than_it_must_have_serves_less_and_shows_programs(pa
     """Each line stands in the table of modules."""
     load_sample(panel)
     server = real_server.Server(panel, tmp_path)
-    # Not one of the example's own settings for a module, but those of alias, mime and dir, which would hide what is meant.
+    # None of the example's own settings of what is missing.
     modules = [*refused_without(), "mime", "dir", "include", "cgi", "userdir"]
     example = variant(tmp_path, "few.conf", modules=modules,
                       drop=["SSLSessionCache", "AddHandler", "AddOutputFilter", "UserDir"])
@@ -136,7 +136,8 @@ def test_server_with_no_more_than_it_must_have_serves_less_and_shows_programs(pa
 def test_server_without_modules_cgi_and_dir_shows_programs_and_no_index(panel, tmp_path):
     load_sample(panel)
     server = real_server.Server(panel, tmp_path)
-    real_server.write_main_file(variant(tmp_path, "no-cgi.conf", drop=[r"LoadModule (cgi|dir)_module", "DirectoryIndex"]))
+    example = variant(tmp_path, "no-cgi.conf", drop=[r"LoadModule (cgi|dir)_module", "DirectoryIndex"])
+    real_server.write_main_file(example)
     assert panel.run("--reconfigure-all", "-v", "-w").status == 0
     assert panel.run("-p").status == 0
     answer = server.ask(TOWN, "lakeside.example", "/cgi-bin/whoami")

@@ -59,7 +59,7 @@ class HeldFile:
 
 
 class Sites:
-    """Three sites of a running server, which can be held after it has read the list of sites and before it reads them."""
+    """Three sites of a running server, which can be held between its reading the list of sites and the sites."""
 
     def __init__(self, panel):
         names = ("first.test", "second.test", "doomed.test")
