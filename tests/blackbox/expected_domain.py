@@ -9,7 +9,7 @@ from expected_text import GROUP, WEB_ROOT, WEB_SERVER_USER, is_on
 from panel import AWSTATS_DOC_D
 
 # Whatever earlier calls of the run may have left in errno.
-ANY = (0, errno.ENOENT, errno.ENOTDIR, errno.EAGAIN, errno.EOPNOTSUPP)
+ANY = (0, errno.ENOENT, errno.ENOTDIR, errno.EEXIST, errno.EAGAIN, errno.EOPNOTSUPP)
 
 
 class SubdomainsSkipped(Exception):
@@ -252,6 +252,9 @@ def subdomains(run, domain, write):
     """Hands the hosts of each subdomain to `write`."""
     owner = run.user_id(WEB_SERVER_USER)
     for sub in run.rows.subdomains(domain):
+        if text.leads_elsewhere(sub["name"]):
+            run.say(f"Subdomain name {sub['name']} of {domain} cannot be a part of a path, subdomains skipped\n", ANY)
+            raise SubdomainsSkipped
         group = run.group_id(GROUP)
         login = subdomain_login(run, sub, f"{sub['name']}.{domain}")
         hosts = SubdomainHosts(run, domain, sub, login)

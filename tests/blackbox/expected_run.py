@@ -13,7 +13,7 @@ import re
 import expected_text as text
 from expected_domain import ANY, DomainFile, SubdomainsSkipped, subdomains
 from expected_server import NotConvertible, ServerFile, to_ascii
-from expected_text import GROUP, TRACE_REFUSAL, WEB_ROOT, WEB_SERVER_USER, is_on
+from expected_text import GROUP, TRACE_REFUSAL, WEB_ROOT, WEB_SERVER_USER, is_on, leads_elsewhere
 from panel import SERVER_FILE
 
 
@@ -89,13 +89,29 @@ def open_failure(path):
     return None
 
 
+def refuse(run, name):
+    if leads_elsewhere(name):
+        run.end(f"Domain name {name} cannot be a part of a path\n", ANY)
+
+
+def domain_files(run, names):
+    for name in names:
+        if leads_elsewhere(name):
+            run.say(f"Domain name {name} cannot be a part of a path, virtual host skipped\n", ANY)
+        else:
+            domain_file(run, name)
+
+
 def domain_file(run, name):
     """One domain's file; returns nothing, since nobody looks at the result."""
     owner = run.user_id(WEB_SERVER_USER)
+    if not name:
+        run.end("Error: empty DomainName", ANY)
     site = run.rows.site(name)
     if site is None:
         run.say("Virtual host parameters not found.\n", ANY)
         return
+    refuse(run, name)
     group = run.group_id(GROUP)
     target = f"{WEB_ROOT}/{name}/conf/httpd.include"
     work = f"{target}.new"
@@ -129,8 +145,7 @@ def server_file(run):
 
 
 def every_domain(run, _):
-    for name in run.rows.domain_names():
-        domain_file(run, name)
+    domain_files(run, run.rows.domain_names())
     server_file(run)
 
 
@@ -144,13 +159,13 @@ def domain_and_server(run, name):
 
 
 def removed_domain(run, name):
+    refuse(run, name)
     run.files.pop(f"{WEB_ROOT}/{name}/conf/httpd.include", None)
     server_file(run)
 
 
 def address(run, address_):
-    for name in run.rows.domain_names_on(address_):
-        domain_file(run, name)
+    domain_files(run, run.rows.domain_names_on(address_))
     server_file(run)
 
 

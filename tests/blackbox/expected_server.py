@@ -70,6 +70,15 @@ class ServerFile:
         except NotConvertible as reason:
             return self.run.end(f"idn_toascii_safe({name}) failed: {reason}", ANY)
 
+    def directory(self, name):
+        """A domain's name in ASCII, None after a message where it cannot be a part of a path."""
+        if not text.leads_elsewhere(name):
+            converted = self.ascii(name)
+            if not text.leads_elsewhere(converted):
+                return converted
+        self.run.say(f"Domain name {name} cannot be a part of a path, virtual host skipped\n", ANY)
+        return None
+
     def _name_virtual_hosts(self):
         addresses = self.rows.distinct_addresses()
         return "".join(f"NameVirtualHost {address}:{port}\n" for port in ("80", "443") for address in addresses)
@@ -98,7 +107,10 @@ class ServerFile:
     def _includes(self, default):
         out = ""
         for _, name in self.rows.included(default):
-            path = f"{WEB_ROOT}/{self.ascii(name)}/conf/httpd.include"
+            directory = self.directory(name)
+            if directory is None:
+                continue
+            path = f"{WEB_ROOT}/{directory}/conf/httpd.include"
             if path in self.run.files:
                 out += f"Include {path}\n\n"
             else:
@@ -109,8 +121,8 @@ class ServerFile:
         out = ""
         for dom_id, name, email, target, address, htype in self.rows.forwarded(default):
             target = self._url(target)
-            name = self.ascii(name)
-            if htype is not None and htype[:7] in ("std_fwd", "frm_fwd"):
+            name = self.directory(name)
+            if name is not None and htype is not None and htype[:7] in ("std_fwd", "frm_fwd"):
                 out += self._forwarding_host(htype[:7], dom_id, name, email, target, address)
         return out
 

@@ -98,6 +98,11 @@ def is_on(flag):
     return flag is not None and flag[:4] == "true"
 
 
+def leads_elsewhere(name):
+    """Whether a name is more or something else than one part of a path."""
+    return name in (".", "..") or any(character in "/'\"\\\x7f" or character < " " for character in name)
+
+
 def limit(value):
     """A limit as the 64-bit number it is read as; -1 for none."""
     if not value:

@@ -4,7 +4,8 @@ RandomPanel(seed) is the same panel for the same seed. `fill` puts one into the 
 the one before. A sane panel (sane=True) has values that a web server can load; the others mix in nulls, empty texts,
 flags that are nearly flags, quotes, control characters, UTF-8, long texts, rows that lead nowhere.
 
-HOSTILE_DOMAIN_NAMES is a switch of its own: names of domains that no directory can safely be called by.
+Names of domains and subdomains that lead elsewhere as a part of a path have a switch of their own (hostile_names), since
+they take whole hosts out of the files.
 """
 
 import os
@@ -14,8 +15,9 @@ import shutil
 from expected_server import NotConvertible, to_ascii
 from panel import (AWSTATS_DOC_D, HTTPD_INCLUDE_D, HTTPD_VHOSTS_D, KIVCLN_GID, SERVER_FILE, WORKERS_FILE, WWWRUN_UID)
 
-HOSTILE_DOMAIN_NAMES = ("o'brien.test", 'say"hi".test', "back\\slash.test", "sl/ash.test", "line\nend.test", ".", "..", "",
-                        "x＇y.test", "tab\there.test")
+HOSTILE_NAMES = ("o'brien.test", 'say"hi".test', "back\\slash.test", "sl/ash.test", "a/../b.test", "line\nend.test", ".",
+                 "..", "", "x＇y.test", "wide／slash.test", "‥", "tab\there.test", "del\x7f.test")
+HOSTILE_LABELS = ("..", "", ".", "../../victim.test", "a/b", "it's", 'a"b', "a\\b", "a\nb", "\x7f")
 
 # With no quote, backslash, slash or control character.
 ODD_LABELS = ("bücher", "Straße", "例え", "ÑANDÚ", "UPPER", "under_score", "a b", "50%s", "%n%d", "*", "$(id)", "a;b", "<x>",
@@ -55,9 +57,11 @@ NOWHERE = 4000000000  # an id that no row has
 
 
 class RandomPanel:
-    def __init__(self, seed, sane=False, hostile_domain_names=False):
-        self.seed, self.sane, self.hostile_domain_names = seed, sane, hostile_domain_names
+    def __init__(self, seed, sane=False, hostile_names=None):
+        self.seed, self.sane = seed, sane
         self.random = random.Random(seed)
+        chosen = self.random.random() < 0.2 and not sane
+        self.hostile_names = chosen if hostile_names is None else hostile_names
         # Some panels have odd values here and there only, so that their effects do not hide each other.
         self.oddity = 0 if sane else self.random.choice((0, 0.05, 0.15, 0.4))
         self.tables = {table: [] for table in TABLES}
@@ -141,8 +145,8 @@ class RandomPanel:
         return f"{self.label()}.{self.random.choice(('test', 'example', 'Example.Test', 'co.test'))}"
 
     def domain_name(self):
-        if self.hostile_domain_names and self.chance(0.2):
-            return self.random.choice(HOSTILE_DOMAIN_NAMES)
+        if self.hostile_names and self.chance(0.3):
+            return self.random.choice(HOSTILE_NAMES)
         taken = [row["name"] for row in self.tables["domains"]]
         if taken and self.odd() and self.chance(0.3):
             # The same name once more, or one that the collation takes for the same.
@@ -250,6 +254,8 @@ class RandomPanel:
     def _subdomains(self, dom_id, name):
         for _ in range(self.size(0, 0, 0, 1, 1, 2, 3)):
             label = self.label() if not self.chance(0.1) else self.random.choice(("www", "WWW", "www "))
+            if self.hostile_names and self.chance(0.1):
+                label = self.random.choice(HOSTILE_LABELS)
             if self.sane:
                 label = label.strip() + str(len(self.tables["subdomains"]))
             kind, user = "main", None
@@ -273,7 +279,7 @@ class RandomPanel:
                 # Just short enough for the name of a password file in one tree, too long for it in another.
                 path = "p" * (247 - len(self.random.choice(("httpdocs/", "httpsdocs/", "cgi-bin/"))) + self.size(0, 1))
             if self.sane:
-                path = f"{path.strip('/')}/{len(self.tables['protected_dirs'])}" if path[:12] != "/quarry-stat" else path
+                path = path.replace(" ", "-").strip("/")[:100]
             self.add("protected_dirs", dom_id=dom_id, realm=self.text("Members", "Only for us"), path=path,
                      **{kind: self.flag(null=False) for kind in ("non_ssl", "ssl", "cgi_bin")})
 
@@ -365,6 +371,9 @@ class RandomPanel:
             return
         conf = f"{root}/conf"
         self.directories[conf] = 0o755
+        if self.sane:
+            # Without them the server says that it cannot start.
+            self.directories[f"{root}/statistics/logs"] = 0o755
         if self.chance(0.25):
             self.file(f"{conf}/httpd.include", "# of an earlier run\n")
         if self.rarely(0.1):
@@ -418,7 +427,7 @@ class RandomPanel:
             if operation == "--install-vhost" and self.rarely(0.1):
                 value = value.upper()
             # Where a name goes into a statement as it is, quotes end the run by themselves.
-            if value and (operation == "--install-vhost" or not set(value) & set("'\"\\")):
+            if value and (operation == "--install-vhost" or not set(value) & set("'\"\\＇＂＼")):
                 chosen.append((operation, value))
         return chosen
 

@@ -14,13 +14,14 @@ import stat
 import pytest
 
 import panel_rows
+import real_server
 from expected_run import Run, perform, said
 from panel import HTTPD_VHOSTS_D, SERVER_FILE, WORKERS_FILE
 from random_panel import Filler, RandomPanel
 
 SEED = int(os.environ.get("RANDOM_SEED", "1"))
 PANELS = int(os.environ.get("RANDOM_PANELS", "300"))
-FAILURES_SHOWN = 3
+FAILURES_SHOWN = 30
 
 
 def seeds(count):
@@ -142,4 +143,20 @@ def test_rebuild_of_random_panels_is_as_stated(trial, capsys):
             for operation in made.single_operations():
                 if not trial.run(*operation):
                     break
+    trial.assert_as_stated(tried)
+
+
+SANE_PANELS = min(PANELS, 200) if PANELS != 300 else 200
+
+
+def test_real_server_takes_what_sane_random_panels_make(trial, capsys):
+    """Every file of these is compared as well."""
+    tried = seeds(SANE_PANELS)
+    announce(capsys, tried, "sane random panels")
+    for seed in tried:
+        trial.begin(RandomPanel(seed, sane=True))
+        trial.run("--reconfigure-all")
+        complaint = real_server.complaint()
+        if complaint:
+            trial.failed.append(f"seed {seed}, apache2 -t:\n{complaint}")
     trial.assert_as_stated(tried)
