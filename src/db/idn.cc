@@ -115,7 +115,7 @@ unique_text idn_toascii_safe(const char *name) {
 const char *idn_url_toascii(const char *url) {
   static char buffer[TEXT_SIZE];
 
-  const regular_expression pattern(URL_PATTERN);
+  static const regular_expression pattern(URL_PATTERN);
   if (pattern.error != 0)
     end_run("regcomp() failed: %s", regex_error_text(pattern.error, pattern.compiled).c_str());
   regmatch_t part[URL_PARTS];
