@@ -1,7 +1,5 @@
 #include "fs/atomic.h"
 
-#include "fs/tree.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -38,9 +36,7 @@ const char *copy_bytes(int in, int out) {
 
 staged_file open_staged_file(const bounded_text &target) {
   staged_file file{target, bounded_text("%s.new", target.c_str()), nullptr};
-  struct stat status;
-  if (lstat(file.work.c_str(), &status) == 0) // a dangling link, too, would lead us elsewhere
-    unlink(file.work.c_str());
+  unlink(file.work.c_str()); // whatever it is: a dangling link, too, would lead us elsewhere
   unique_fd fd(open(file.work.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (fd.fd >= 0)
     file.out.reset(fdopen(fd.fd, "w"));
@@ -55,8 +51,7 @@ void install_staged_file(staged_file file) {
   if (close_file(std::move(file.out)) != 0)
     end_run("Unable to close file %s: %s\n", work, std::strerror(errno));
   copy_file_atomic(work, file.target.c_str(), 0, 0, 0644);
-  if (path_exists(work))
-    unlink(work);
+  unlink(work);
 }
 
 void copy_file_atomic(const char *source, const char *destination, uid_t uid, gid_t gid, mode_t mode) {
@@ -83,7 +78,8 @@ void copy_file_atomic(const char *source, const char *destination, uid_t uid, gi
     fail("chown");
   if (fchmod(out.fd, mode) != 0)
     fail("chmod");
-  if (out.close() != 0)
+  // Many a file system renames before it writes data: a power cut would leave an empty file in place.
+  if (fdatasync(out.fd) != 0 || out.close() != 0)
     fail("flush");
   if (rename(temporary.get(), destination) != 0)
     fail("rename");

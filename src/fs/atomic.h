@@ -6,7 +6,8 @@
 //   while the work file is written    the old target, a partial work file (removed by the next run)
 //   while the temporary file is made  the old target, the whole work file, a partial temporary file
 //   after the rename                  the new target, whole, with its final owner and mode
-// So readers see the old file or the new one, never a part of either.
+// So readers see the old file or the new one, never a part of either. The content is on the disk before the rename, so
+// that a power cut, too, leaves one of them.
 #pragma once
 
 #include "fs/handles.h"

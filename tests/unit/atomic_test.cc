@@ -16,6 +16,8 @@
 namespace {
 
 bool close_fails = false;
+bool sync_fails = false;
+std::string watched_while_synced; // what it holds then is printed
 bool writes_are_short = false;
 
 // A directory with the source and, if its content is given, the destination.
@@ -300,6 +302,29 @@ TEST_F(copy, close_that_fails_ends_the_run) {
   EXPECT_EQ(read_file(live), "old");
 }
 
+TEST_F(copy, content_that_cannot_be_made_durable_ends_the_run) {
+  make_source("text");
+  make_live("old");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         sync_fails = true;
+                         copy_file_atomic(source.c_str(), live.c_str(), 0, 0, 0644);
+                       }),
+                       1, failed("flush", "System error 5: Input/output error")));
+  EXPECT_EQ(read_file(live), "old");
+}
+
+TEST_F(copy, whole_content_is_made_durable_before_it_takes_the_place_of_the_old) {
+  const std::string content(10000, 'n');
+  make_source(content);
+  make_live("old");
+  const outcome result = run_in_child([this] {
+    watched_while_synced = live;
+    copy_file_atomic(source.c_str(), live.c_str(), 0, 0, 0644);
+  });
+  EXPECT_EQ(result.out, "10000 bytes while there is old\n");
+  EXPECT_EQ(read_file(live), content);
+}
+
 TEST_F(copy, directory_in_place_of_the_destination_ends_the_run) {
   make_source("text");
   make_directories(live);
@@ -447,4 +472,18 @@ extern "C" int close(int fd) {
 
 extern "C" ssize_t write(int fd, const void *data, std::size_t size) {
   return syscall(SYS_write, fd, data, writes_are_short ? (size + 1) / 2 : size);
+}
+
+extern "C" int fdatasync(int fd) {
+  if (sync_fails) {
+    errno = EIO;
+    return -1;
+  }
+  if (!watched_while_synced.empty()) {
+    struct stat status;
+    fstat(fd, &status);
+    std::printf("%ld bytes while there is %s\n", static_cast<long>(status.st_size),
+                read_file(watched_while_synced).c_str());
+  }
+  return static_cast<int>(syscall(SYS_fdatasync, fd));
 }
