@@ -255,8 +255,11 @@ unique_text db_escape_string(MYSQL *db, const char *text) {
 }
 
 void assert_quotable(const char *text, const char *file, unsigned line, const char *function) {
-  if (text != nullptr && std::strpbrk(text, "'\"\\") != nullptr)
-    __assert_fail("strpbrk(text, \"'\\\"\\\\\") == NULL", file, line, function);
+  if (text == nullptr || std::strpbrk(text, "'\"\\") == nullptr)
+    return;
+  constexpr char ASSERTION[] = "strpbrk(text, \"'\\\"\\\\\") == NULL";
+  log_message(bounded_text("%s:%u: %s: Assertion `%s' failed.", file, line, function, ASSERTION).c_str());
+  __assert_fail(ASSERTION, file, line, function);
 }
 
 connection_scope::connection_scope(MYSQL *callers)

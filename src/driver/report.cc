@@ -1,16 +1,42 @@
 #include "driver/report.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <libgen.h>
+#include <sys/time.h>
+#include <syslog.h>
 
 char *PROGNAME = nullptr;
 
 namespace {
 
 constexpr std::size_t MESSAGE_SIZE = 4096;
+constexpr time_t LOG_SECONDS = 1;
+
+bool goes_to_system_log = false;
+
+// Interrupts, again and again, a call that waits for a system log which does not read.
+struct log_limit {
+  log_limit() {
+    struct sigaction interrupt = {};
+    interrupt.sa_handler = [](int) {};
+    sigaction(SIGALRM, &interrupt, &handler_before);
+    const itimerval limit{{LOG_SECONDS, 0}, {LOG_SECONDS, 0}};
+    setitimer(ITIMER_REAL, &limit, &timer_before);
+  }
+  ~log_limit() {
+    setitimer(ITIMER_REAL, &timer_before, nullptr);
+    sigaction(SIGALRM, &handler_before, nullptr);
+  }
+  log_limit(const log_limit &) = delete;
+  log_limit &operator=(const log_limit &) = delete;
+
+  struct sigaction handler_before = {};
+  itimerval timer_before = {};
+};
 
 // Appends the system's words only when they fit whole: half a suffix would read as another error.
 void append_system_error(char *message, std::size_t size, int error) {
@@ -79,7 +105,53 @@ void end_run(const char *format, ...) {
   std::exit(1);
 }
 
+void report_to_system_log() {
+  openlog("halyard", LOG_PID, LOG_DAEMON);
+  goes_to_system_log = true;
+}
+
+void log_message(const char *text) {
+  if (!goes_to_system_log)
+    return;
+  const errno_guard keep;
+  const log_limit limit;
+  while (*text != '\0') {
+    const std::size_t length = std::strcspn(text, "\n");
+    if (length > 0)
+      syslog(LOG_DAEMON | LOG_ERR, "%.*s", static_cast<int>(length), text);
+    text += length + (text[length] == '\n' ? 1 : 0);
+  }
+}
+
+void print_error(const char *format, ...) {
+  char text[MESSAGE_SIZE];
+  va_list args;
+  va_start(args, format);
+  va_list again;
+  va_copy(again, args);
+  std::vsnprintf(text, sizeof text, format, args);
+  std::vfprintf(stderr, format, again);
+  va_end(again);
+  va_end(args);
+  log_message(text);
+}
+
+bool output_is_written() {
+  const bool lost = std::ferror(stdout) != 0;
+  if (std::fflush(stdout) != 0)
+    return false;
+  if (lost)
+    errno = EIO; // the write's own error is long overwritten
+  return !lost;
+}
+
+void require_written_output() {
+  if (!output_is_written())
+    end_run("Unable to write standard output: %s", std::strerror(errno));
+}
+
 int emit_message(const char *text, int exit_status) {
+  log_message(text);
   const char *prefix = PROGNAME != nullptr ? basename(PROGNAME) : nullptr;
   write_message(stderr, prefix, text);
   write_message(stdout, prefix, text);

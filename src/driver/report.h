@@ -26,6 +26,23 @@ using unique_text = std::unique_ptr<char, free_text>;
 // ending each with a newline if the text has none. Returns 0, or ends the process when `exit_status` is not 0.
 int emit_message(const char *text, int exit_status);
 
+// Sends every message to the system log as well from now on, line by line (facility daemon, priority error): once the
+// run has detached, its streams lead nowhere.
+void report_to_system_log();
+
+// Sends `text` to the system log, if messages go there. Keeps errno. A log that nobody reads holds us up for a few
+// seconds at most.
+void log_message(const char *text);
+
+// Writes to standard error alone, as it stands, and to the system log if messages go there.
+[[gnu::format(printf, 1, 2)]] void print_error(const char *format, ...);
+
+// Whether all that was printed to standard output has reached it; if not, errno says why.
+bool output_is_written();
+
+// Ends the run when it has not.
+void require_written_output();
+
 // Newly allocated formatted text; ends the run when memory is out.
 [[gnu::format(printf, 1, 2)]] unique_text xasprintf(const char *format, ...);
 

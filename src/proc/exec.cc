@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/wait.h>
 
@@ -20,7 +21,8 @@ struct capture_buffer {
   std::size_t size = 0;
   std::size_t fill = 0;
 
-  std::size_t room() const { return size - fill - 1; }
+  // Bytes that fit in before the NUL.
+  std::size_t room() const { return size > fill ? size - fill - 1 : 0; }
 };
 
 // What became of a child: whether it has been reaped, and then its exit code, or -1.
@@ -92,7 +94,7 @@ void connect_descriptor(int choice, int standard) {
     return;
   const int fd = choice == TO_DEV_NULL ? open("/dev/null", O_RDWR) : choice;
   if (fd < 0 || dup2(fd, standard) < 0) {
-    std::fprintf(stderr, "fork_execv: dup() failed: %s\n", std::strerror(errno));
+    print_error("fork_execv: dup() failed: %s\n", std::strerror(errno));
     _exit(CHILD_FAILED);
   }
   if (fd != standard)
@@ -109,26 +111,45 @@ void reap(pid_t child, int flags, child_state &state) {
   state.code = errno == 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Makes the buffer larger by one step.
+void grow(capture_buffer &buffer) {
+  void *larger = std::realloc(buffer.text.get(), buffer.size + BUFFER_STEP);
+  if (larger == nullptr)
+    end_run("Cannot allocate memory");
+  static_cast<void>(buffer.text.release());
+  buffer.text.reset(static_cast<char *>(larger));
+  buffer.size += BUFFER_STEP;
+}
+
+// Reads what is there, as far as there is room, which is made if there is none. Returns read's result.
+ssize_t read_some(int fd, capture_buffer &buffer) {
+  if (buffer.room() == 0)
+    grow(buffer);
+  const ssize_t count = read(fd, buffer.text.get() + buffer.fill, buffer.room());
+  if (count > 0)
+    buffer.fill += static_cast<std::size_t>(count);
+  return count;
+}
+
+// Reads what an ended child has left in the pipe, and no more: a descendant may go on writing.
+void drain(int fd, capture_buffer &buffer) {
+  const errno_guard keep;
+  int waiting = 0;
+  if (ioctl(fd, FIONREAD, &waiting) != 0)
+    return;
+  for (const std::size_t end = buffer.fill + static_cast<std::size_t>(waiting); buffer.fill < end;)
+    if (read_some(fd, buffer) <= 0)
+      return;
+}
+
 // Reads what is there. Returns false when nothing more will come.
 bool read_chunk(int fd, capture_buffer &buffer) {
-  if (buffer.fill + 1 >= buffer.size) {
-    void *larger = std::realloc(buffer.text.get(), buffer.size + BUFFER_STEP);
-    if (larger == nullptr)
-      end_run("Cannot allocate memory");
-    static_cast<void>(buffer.text.release());
-    buffer.text.reset(static_cast<char *>(larger));
-    buffer.size += BUFFER_STEP;
-  }
-  const ssize_t count = read(fd, buffer.text.get() + buffer.fill, buffer.room());
-  if (count > 0) {
-    buffer.fill += static_cast<std::size_t>(count);
-    return true;
-  }
-  if (count == 0)
-    return false;
+  const ssize_t count = read_some(fd, buffer);
+  if (count >= 0)
+    return count > 0;
   if (errno == EAGAIN)
     return true;
-  std::fprintf(stderr, "fork_exec*: read(pipe) failed: %s\n", std::strerror(errno));
+  print_error("fork_exec*: read(pipe) failed: %s\n", std::strerror(errno));
   errno = 0;
   return false;
 }
@@ -145,35 +166,26 @@ bool read_chunk(int fd, capture_buffer &buffer) {
   _exit(CHILD_FAILED);
 }
 
-// Fills the buffer until the pipe ends, or the child does while a descendant keeps the pipe. Returns whether the
-// child has been reaped, its wait status in `status`.
-bool capture_outputs(int fd, pid_t child, capture_buffer &buffer, int &status) {
-  for (;;) {
+// Fills the buffer until the pipe ends, or the child does while a descendant keeps the pipe.
+void capture_outputs(int fd, pid_t child, capture_buffer &buffer, child_state &state) {
+  while (!state.reaped) {
     errno = 0;
     const int ready = wait_readable(fd);
     if (errno != 0 && errno != EINTR)
-      return false;
+      return;
     if (ready < 1) {
-      if (waitpid(child, &status, WNOHANG) == child)
-        return true;
+      reap(child, WNOHANG, state);
       continue;
     }
-    const ssize_t count = read(fd, buffer.text.get() + buffer.fill, buffer.room());
+    const ssize_t count = read_some(fd, buffer);
     if (count == 0)
-      return false;
-    if (count < 0) {
-      if (errno == EINTR)
-        continue;
+      return;
+    if (count < 0 && errno != EINTR) {
       report_failure(0, 0, "Cannot read child output:\n%s", std::strerror(errno));
-      return false;
-    }
-    buffer.fill += static_cast<std::size_t>(count);
-    if (buffer.room() == 0) {
-      char *larger = static_cast<char *>(xrealloc(buffer.text.release(), buffer.size + BUFFER_STEP));
-      buffer.text.reset(larger);
-      buffer.size += BUFFER_STEP;
+      return;
     }
   }
+  drain(fd, buffer);
 }
 
 // A program that could not be executed has said so itself.
@@ -189,6 +201,16 @@ void report_failed_utility(const char *path, int result, const char *output) {
 void close_descriptors_from(int lowest) {
   if (close_range(static_cast<unsigned>(lowest), ~0U, 0) == 0)
     return;
+  // An older kernel. The limit may be low by now and the descriptors high, or the limit so high that trying all numbers
+  // takes minutes.
+  if (const unique_dir open_ones{opendir("/proc/self/fd")}) {
+    while (const dirent *entry = readdir(open_ones.get())) {
+      const int fd = std::atoi(entry->d_name); // 0 for "." and ".."
+      if (fd >= lowest && fd != dirfd(open_ones.get()))
+        close(fd);
+    }
+    return;
+  }
   for (int fd = getdtablesize() - 1; fd >= lowest; --fd)
     close(fd);
 }
@@ -206,7 +228,7 @@ pid_t fork_execv(int input, int output, int error, const char *path, const char 
   close_descriptors_from(STDERR_FILENO + 1);
   errno = 0;
   exec_vector(path, arguments);
-  std::fprintf(stderr, "fork_execv: execv(\"%s\") failed: %s\n", path, std::strerror(errno));
+  print_error("fork_execv: execv(\"%s\") failed: %s\n", path, std::strerror(errno));
   _exit(CHILD_FAILED);
 }
 
@@ -229,6 +251,8 @@ int fork_execv_getouterr(unique_text &out, const char *path, const char *const *
     else
       open = read_chunk(ends.read_end.fd, buffer);
   }
+  if (state.reaped)
+    drain(ends.read_end.fd, buffer);
   ends.read_end.reset();
   if (!state.reaped)
     reap(child, WUNTRACED, state);
@@ -267,19 +291,20 @@ int util_exec_capture(unique_text &out, const char *path, ...) {
     exec_into_pipe(ends, path, arguments.get());
   ends.write_end.reset();
 
-  capture_buffer buffer{unique_text(static_cast<char *>(xrealloc(nullptr, BUFFER_STEP))), BUFFER_STEP, 0};
+  capture_buffer buffer;
+  grow(buffer);
   set_nonblocking(ends.read_end.fd);
-  int status = 0;
-  if (!capture_outputs(ends.read_end.fd, child, buffer, status))
-    waitpid(child, &status, 0);
+  child_state state;
+  capture_outputs(ends.read_end.fd, child, buffer, state);
+  if (!state.reaped)
+    reap(child, 0, state);
   buffer.text.get()[buffer.fill] = '\0';
 
-  const int result = WIFSIGNALED(status) ? -1 : WEXITSTATUS(status);
-  if (result == 0) {
+  if (state.code == 0) {
     out = std::move(buffer.text);
     return 0;
   }
-  report_failed_utility(path, result, buffer.text.get());
+  report_failed_utility(path, state.code, buffer.text.get());
   out.reset();
-  return result;
+  return state.code;
 }

@@ -54,7 +54,7 @@ int kill_by_field(const char *field, const char *text, int signal) {
   const bounded_text format("pid,%s", field);
   unique_text output;
   if (fork_execl_getouterr(output, PS, PS, "-Aww", "-o", format.c_str(), static_cast<char *>(nullptr)) != 0) {
-    std::fprintf(stderr, "%s\n", output ? output.get() : "");
+    print_error("%s\n", output ? output.get() : "");
     report_failure(0, 0, "send_signal_field(): %s failed", PS);
     return -1;
   }

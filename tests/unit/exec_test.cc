@@ -21,6 +21,8 @@ namespace {
 // 0 leaves them alone.
 int fcntl_error = 0;
 int select_error = 0;
+bool select_times_out = false;
+int close_range_error = 0;
 int read_error = 0;
 int reads_that_fail = 0;
 
@@ -46,12 +48,23 @@ extern "C" int fcntl(int fd, int command, ...) {
 extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout) {
   ++selects;
   last_timeout = *timeout;
+  if (select_times_out) {
+    usleep(1000);
+    return 0;
+  }
   if (select_error != 0) {
     errno = select_error;
     return -1;
   }
   const timespec limit = {timeout->tv_sec, timeout->tv_usec * 1000};
   return pselect(count, readable, writable, exceptional, &limit, nullptr);
+}
+
+extern "C" int close_range(unsigned first, unsigned last, int flags) noexcept {
+  if (close_range_error == 0)
+    return static_cast<int>(syscall(SYS_close_range, first, last, flags));
+  errno = close_range_error;
+  return -1;
 }
 
 extern "C" ssize_t read(int fd, void *buffer, size_t size) {
@@ -220,6 +233,17 @@ TEST(choices, dev_null_that_cannot_be_opened_ends_the_child_with_255) {
 TEST(execution, child_has_its_three_standard_descriptors_and_no_other) {
   const outcome run = run_in_child([] {
     open_many_descriptors();
+    return exit_code_with_choices(0, 1, 2, LIST_DESCRIPTORS);
+  });
+  EXPECT_EQ(run.out, "0\n1\n2\n");
+  EXPECT_EQ(run.status, 0);
+}
+
+TEST(execution, child_has_no_other_descriptor_on_an_older_kernel_either) {
+  const outcome run = run_in_child([] {
+    open_many_descriptors();
+    set_limit(RLIMIT_NOFILE, 500); // which does not close those above
+    close_range_error = ENOSYS;
     return exit_code_with_choices(0, 1, 2, LIST_DESCRIPTORS);
   });
   EXPECT_EQ(run.out, "0\n1\n2\n");
@@ -437,6 +461,15 @@ TEST(capture, child_is_reaped_and_no_descriptor_left_open) {
     });
     EXPECT_TRUE(quiet(run));
   }
+}
+
+TEST(capture, last_output_of_a_child_that_ends_before_it_is_seen_is_not_lost) {
+  select_times_out = true;
+  EXPECT_EQ(captured("head -c 20000 /dev/zero | tr '\\0' x; exit 3").out,
+            "3 [" + std::string(20000, 'x') + "]");
+  EXPECT_EQ(captured("echo x; sleep 300 2>/dev/null & exit 3").out, "3 [x\n]");
+  EXPECT_EQ(util_captured("head -c 20000 /dev/zero | tr '\\0' x").out, "0 [" + std::string(20000, 'x') + "]");
+  select_times_out = false;
 }
 
 void ignore_alarm(int /*signal*/) {}
@@ -760,6 +793,35 @@ TEST(inheritance, closed_standard_descriptors_are_connected_to_dev_null_and_open
       return fcntl(3, F_GETFD) == -1 ? 0 : 2;
     })));
   }
+}
+
+TEST(inheritance, other_descriptors_than_the_standard_ones_are_closed) {
+  for (const int error : {0, ENOSYS}) {
+    SCOPED_TRACE(error);
+    EXPECT_EQ(run_in_child([error] {
+                open_many_descriptors();
+                close_range_error = error;
+                mend_inheritance();
+                std::fflush(stdout);
+                return std::system(LIST_DESCRIPTORS);
+              }).out,
+              "0\n1\n2\n");
+  }
+}
+
+TEST(inheritance, file_that_grows_too_large_is_a_failed_write_for_us_and_the_end_of_a_child) {
+  const temporary_directory directory;
+  const std::string file = directory / "file";
+  const outcome run = run_in_child([&] {
+    std::signal(SIGXFSZ, SIG_DFL);
+    mend_inheritance();
+    set_limit(RLIMIT_FSIZE, 1);
+    const int fd = open(file.c_str(), O_WRONLY | O_CREAT, 0644);
+    const bool failed = write(fd, "12", 2) == 1 && write(fd, "3", 1) == -1 && errno == EFBIG;
+    const int status = run_with_choices(0, 1, 2, "kill -XFSZ $$");
+    return failed && WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ ? 7 : 1;
+  });
+  EXPECT_EQ(run.status, 7) << testing::PrintToString(run);
 }
 
 TEST(inheritance, mending_it_keeps_errno) {
