@@ -25,6 +25,14 @@ static void out_of_memory() {
   end_run("Cannot allocate memory: %s", std::strerror(ENOMEM));
 }
 
+// The panel does not wait for what comes now, and nobody reads our streams any more.
+static void detach() {
+  if (daemon(0, 0) == 0)
+    report_to_system_log();
+  else
+    report_failure(0, 0, "Unable to detach, going on in the foreground");
+}
+
 int main(int argc, char **argv) {
   std::set_new_handler(out_of_memory);
   mend_inheritance();
@@ -38,12 +46,14 @@ int main(int argc, char **argv) {
 
   if (line.operation == OP_HELP) {
     print_help();
+    require_written_output();
     return 0;
   }
   if (mode.stop)
     return service_action(HTTPD_SERVICE, "stop");
   if (mode.status) {
     print_service_status(service_action(HTTPD_SERVICE, "status"));
+    require_written_output();
     return 0;
   }
 
@@ -62,10 +72,11 @@ int main(int argc, char **argv) {
     return restart_web_server(1, db);
 
   get_apache_path(&apache_magic, &apache_version, &apache_minor);
-  if (!mode.no_daemon && daemon(0, 0) != 0)
-    report_failure(0, 0, "Unable to detach, going on in the foreground");
+  if (!mode.no_daemon)
+    detach();
 
   sem_lock(SEM_GENERATE);
+  db_reconnect_if_lost(db);
   const int full_restart = run_operation(line, db);
   const int full = Apache2 ? 0 : full_restart;
   sem_unlock(SEM_GENERATE);

@@ -39,6 +39,8 @@ void server_wide_file(const command_line & /*line*/, MYSQL *db) {
 
 void features_report(const command_line & /*line*/, MYSQL * /*db*/) {
   print_features();
+  if (!output_is_written())
+    std::exit(1); // without a word: whoever asked goes by what was printed
 }
 
 void frontpage(const command_line &line, MYSQL *db) {

@@ -11,8 +11,10 @@
 // Remembers in the database that Tomcat is to be restarted with the next restart of the web server.
 void mark_tomcat_restart(MYSQL *db);
 
-// Sleeps until the interval since the last restart is over and records the coming restart. Returns 0. Ends the run
-// with status 0 when another process is waiting already, with status 1 when the database fails.
+// Sleeps until the interval since the last restart is over, for a week at most, and records the coming restart. Returns
+// 0. An interval that is no decimal number counts as missing: 900 seconds. Ends the run with status 0 when another
+// process is waiting already, with status 1 when the database fails: after a graceful restart of its own when the wait
+// is over by then.
 int wait_restart_interval(MYSQL *db);
 
 // Restarts the web server, gracefully unless `full`, and Tomcat first if that was asked for, under SEM_GENERATE.

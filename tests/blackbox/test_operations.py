@@ -332,9 +332,9 @@ def test_features_report_needs_a_supported_web_server(panel):
     refuses(panel, ["--features"], "get_apache_path: Apache version info not found")
 
 
-def test_features_report_that_cannot_be_written_is_no_failure(panel):
+def test_features_report_that_cannot_be_written_fails_without_a_word(panel):
     result = panel.run("-c", '"$0" --features >/dev/full', os.environ["HALYARD"], program="/bin/sh")
-    assert (result.status, result.err) == (0, "")
+    assert (result.status, result.err) == (1, "")
 
 
 # The statements of one run

@@ -381,9 +381,37 @@ TEST_F(restart_interval, query_that_fails_ends_the_run) {
   EXPECT_TRUE(said(wait_out(), 1, {"Unable to define time to sleep parameter: " + too_many_statements(6)}));
 }
 
-TEST_F(restart_interval, update_that_fails_ends_the_run) {
+TEST_F(restart_interval, update_that_fails_ends_the_run_after_the_restart) {
   const statement_limit limit(7);
-  EXPECT_TRUE(said(wait_out(), 1, {"Unable to update time to restart parameter: " + too_many_statements(7)}));
+  const std::string words = too_many_statements(7);
+  EXPECT_TRUE(reported(
+      wait_out(), 1,
+      "Unable to query parameter by query select val from misc where param='restart_tomcat': " + words +
+          "\nUnable to update time to restart parameter: " + words + "\n"));
+  EXPECT_EQ(calls(), std::vector<std::string>{"apache restart"});
+}
+
+TEST_F(restart_interval, that_is_no_decimal_number_counts_as_missing) {
+  for (const char *interval :
+       {"'abc'", "'900s'", "'60s'", "'6 0'", "'--5'", "'1e3'", "'0x10'", "'1.2.3'", "'.'", "'-'", "' '",
+        "'60)'", "'60 SECOND), val, (1'", "REPEAT('6', 65)", "REPEAT('0', 4000)"})
+    EXPECT_EQ(wait_after(100, interval), "sleep 800\n") << interval;
+}
+
+TEST_F(restart_interval, that_is_any_other_number_stays_as_it_is) {
+  EXPECT_EQ(wait_after(0, "' 60 '"), "sleep 60\n");
+  EXPECT_EQ(wait_after(0, "'+60'"), "sleep 60\n");
+  EXPECT_EQ(wait_after(0, "'0060'"), "sleep 60\n");
+  EXPECT_EQ(wait_after(0, "'60.7'"), "sleep 60\n");
+  EXPECT_EQ(wait_after(0, "'60.'"), "sleep 60\n");
+  EXPECT_EQ(wait_after(0, "'-60'"), "");
+  EXPECT_EQ(wait_after(0, "REPEAT('9', 64)"), ""); // after all dates that the database knows
+}
+
+TEST_F(restart_interval, is_never_longer_than_a_week) {
+  EXPECT_EQ(wait_after(0, "'604800'"), "sleep 604800\n");
+  EXPECT_EQ(wait_after(0, "'604801'"), "sleep 604800\n");
+  EXPECT_EQ(wait_after(0, "'300000000'"), "sleep 604800\n");
 }
 
 TEST_F(restart_interval, setting_and_record_that_cannot_be_read_end_the_run) {
