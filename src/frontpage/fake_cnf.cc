@@ -5,9 +5,20 @@
 #include "env/webserver.h"
 #include "fs/accounts.h"
 #include "fs/handles.h"
+#include "fs/names.h"
 
 #include <cerrno>
 #include <cstring>
+
+const char *require_domain_name(const char *domain) {
+  const char *name = get_exist_case_dom_name(domain);
+  if (name == nullptr)
+    end_run("Error: not existing domain '%s'\n", domain);
+  for (const char *each : {name, domain})
+    if (!is_plain_name(each))
+      end_run("Domain name %s cannot be a part of a path or a command\n", each);
+  return name;
+}
 
 int mk_fake_cnf(const char *path, const char *domain, const char *system_user, const char *port,
                 bool same_ssl) {
@@ -33,9 +44,7 @@ int mk_fake_cnf(const char *path, const char *domain, const char *system_user, c
 
 int print_fake_vhost(FILE *out, const char *domain, const char *system_user, const char *port,
                      const char *prefix, bool same_ssl) {
-  const char *name = get_exist_case_dom_name(domain);
-  if (name == nullptr)
-    end_run("Error: not existing domain '%s'\n", domain);
+  const char *name = require_domain_name(domain);
   const char *docs = std::strcmp(port, "443") == 0 && !same_ssl ? "httpsdocs" : "httpdocs";
 
   fprintf(out, "<VirtualHost   127.0.0.1:%s>\n", port);

@@ -1,20 +1,21 @@
 #include "frontpage/frontpage.h"
 
 #include "db/connection.h"
-#include "db/get.h"
 #include "db/query.h"
 #include "env/config.h"
 #include "env/webserver.h"
+#include "frontpage/document_root.h"
 #include "frontpage/fake_cnf.h"
-#include "fs/handles.h"
 #include "fs/lock.h"
+#include "fs/names.h"
 #include "fs/text.h"
-#include "fs/tree.h"
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -22,11 +23,6 @@ constexpr char OWSADM[] = "/usr/local/frontpage/version5.0/bin/owsadm.exe";
 constexpr char FRONTPAGE_D[] = "/usr/local/frontpage";
 constexpr char FAKE_CNF_D[] = "/usr/local/frontpage/conf";
 constexpr char MAILER_D[] = "/var/qmail";
-
-// What the extensions keep in a web.
-constexpr const char *FRONTPAGE_ENTRIES[] = {
-    "_private", "_vti_bin", "_vti_cnf", "_vti_log", "_vti_pvt", "_vti_txt", "_vti_inf.html", ".htaccess",
-};
 
 // One site on one port, and the files that belong to it.
 struct fp_site {
@@ -51,11 +47,22 @@ bool is_same_ssl(const char *domain, MYSQL *db) {
   return row != nullptr && is_flag_set(row[0]);
 }
 
+// Ends the run for an argument that would leave its quotes in a command, or its place in a path.
+void require_usable_arguments(const frontpage_request &request) {
+  if (!is_plain_name(request.port))
+    end_run("Port %s cannot be a part of a path or a command\n", request.port);
+  if (std::strpbrk(request.system_user, "'\n") != nullptr)
+    end_run("User name %s cannot be a part of a command\n", request.system_user);
+  for (const char *login : {request.admin_name, request.old_name, request.new_name})
+    if (std::strchr(text_or_empty(login), '\'') != nullptr)
+      end_run("Login %s cannot be a part of a command\n", login);
+  if (std::strchr(text_or_empty(request.password), '\'') != nullptr)
+    end_run("The password cannot be a part of a command\n");
+}
+
 fp_site describe_site(const frontpage_request &request, MYSQL *db) {
-  const char *existing = get_exist_case_dom_name(request.domain);
-  if (existing == nullptr)
-    end_run("Error: not existing domain '%s'\n", request.domain);
-  const bounded_text name("%s", existing);
+  const bounded_text name("%s", require_domain_name(request.domain));
+  require_usable_arguments(request);
   const bool same_ssl = is_same_ssl(request.domain, db);
   const bool plain_docs = same_ssl || std::strcmp(request.port, "80") == 0;
   return {
@@ -79,7 +86,8 @@ void require_administration_program() {
 }
 
 void make_fake_cnf_directory() {
-  if (mkdir(FAKE_CNF_D, 0755) != 0 && errno != EEXIST)
+  constexpr mode_t MODE = 0755; // whatever the umask
+  if (mkdir(FAKE_CNF_D, MODE) == 0 ? chmod(FAKE_CNF_D, MODE) != 0 : errno != EEXIST)
     end_run("Unable to mkdir %s: %s\n", FAKE_CNF_D, std::strerror(errno));
 }
 
@@ -112,56 +120,15 @@ unique_lock prepare(const fp_site &site, const frontpage_request &request) {
   return lock;
 }
 
-// Runs a command through the shell. Returns its exit status; 128 and the signal for one that was killed, as shells do.
+// Runs a command through the shell. Returns its exit status; 128 and the signal for one that was killed, as shells do,
+// and -1 after a report for a command that was not run.
 int run(const bounded_text &command) {
   const int status = std::system(command.c_str());
-  if (status == -1)
+  if (status == -1) {
+    report_failure(0, 0, "Unable to run %s: %s\n", OWSADM, std::strerror(errno)); // not the password
     return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// Whether the path lies below the directory when all links are resolved.
-bool is_below(const char *path, const char *directory) {
-  const errno_guard keep;
-  const unique_text real_path(realpath(path, nullptr));
-  const unique_text real_directory(realpath(directory, nullptr));
-  if (!real_path || !real_directory)
-    return false;
-  const std::size_t length = std::strlen(real_directory.get());
-  return std::strncmp(real_path.get(), real_directory.get(), length) == 0 && real_path.get()[length] == '/';
-}
-
-// Keeps the extensions from attaching the sub-web `name` ("/sub") of an earlier installation again. The site's owner
-// writes the list and the links, so neither may lead out of the document root.
-void hide_sub_web(const char *docs_root, const char *name) {
-  const bounded_text web("%s%s/_vti_pvt", docs_root, name);
-  const bounded_text services("%s%s/_vti_pvt/services.cnf", docs_root, name);
-  if (!path_exists(services.c_str()) || !is_below(web.c_str(), docs_root))
-    return;
-  bounded_text hidden = services;
-  std::memcpy(hidden.text + hidden.length() - 3, "org", 3);
-  rename(services.c_str(), hidden.c_str());
-}
-
-void hide_sub_webs(const char *docs_root) {
-  const bounded_text services("%s/_vti_pvt/services.cnf", docs_root);
-  struct stat status;
-  if (stat(services.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) // opening a pipe would not return
-    return;
-  const unique_file file(fopen(services.c_str(), "re"));
-  if (!file)
-    return;
-  char line[TEXT_SIZE];
-  while (fgets(line, sizeof line, file.get()) != nullptr) {
-    line[std::strcspn(line, "\n")] = '\0';
-    if (std::strlen(line) >= 2)
-      hide_sub_web(docs_root, line);
   }
-}
-
-void clear_frontpage_entries(const char *docs_root) {
-  for (const char *entry : FRONTPAGE_ENTRIES)
-    remove_tree(bounded_text("%s/%s", docs_root, entry).c_str(), false);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // The site is administered as www.<name>, too. The alias of an earlier installation will do.
@@ -172,9 +139,7 @@ void make_www_alias(const fp_site &site) {
 
 int install_extensions(const fp_site &site, const frontpage_request &request) {
   const char *docs_root = site.docs_root.c_str();
-  rename_in_tree(docs_root, ".htaccess", ".htaccess.sav", true);
-  hide_sub_webs(docs_root);
-  clear_frontpage_entries(docs_root);
+  clear_for_installation(docs_root);
 
   const int result =
       run(bounded_text("%s -o '%s' -t '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s' -xu '%s'", OWSADM,
@@ -186,9 +151,8 @@ int install_extensions(const fp_site &site, const frontpage_request &request) {
   const char *const lines[] = {mailer.c_str(), nullptr};
   if (file_str(site.cnf.c_str(), lines, EDIT_ADD, ADD_APPEND) != 0)
     end_run("fp_shim: Unable to add string SendmailCommand: to .cnf");
-  // The document root keeps the .htaccess that the installation wrote.
-  rename_in_tree(docs_root, ".htaccess.sav", ".htaccess", false);
-  if (chmod(docs_root, 0751) != 0)
+  restore_protections(docs_root);
+  if (!set_document_root_mode(docs_root, 0751))
     end_run("fp_shim: unable to chmod %s for server %s: %s\n", docs_root, request.domain,
             std::strerror(errno));
   return result;
@@ -199,17 +163,29 @@ void unlink_or_report(const char *path) {
     report_failure(0, 0, "Unable unlink %s: %s", path, std::strerror(errno));
 }
 
+// Whether something else stands in place of the alias: www.<name> may be a site of its own, whose file that is. An alias
+// that is missing counts as one that cannot be deleted, and so does a directory.
+bool is_www_alias_taken(const fp_site &site) {
+  const errno_guard keep;
+  struct stat status;
+  if (lstat(site.www_cnf.c_str(), &status) != 0 || S_ISDIR(status.st_mode))
+    return false;
+  char target[TEXT_SIZE];
+  const ssize_t length = readlink(site.www_cnf.c_str(), target, sizeof target);
+  return length < 0 || std::string_view(target, static_cast<std::size_t>(length)) != site.cnf.c_str();
+}
+
 int remove_extensions(const fp_site &site, const frontpage_request &request) {
   const char *docs_root = site.docs_root.c_str();
   const int result = run(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, "fulluninstall",
                                       site.name.c_str(), request.port, site.fake_cnf.c_str()));
   unlink_or_report(site.fake_cnf.c_str());
-  unlink_or_report(site.www_cnf.c_str());
-  if (chmod(docs_root, 0750) != 0)
+  if (!is_www_alias_taken(site))
+    unlink_or_report(site.www_cnf.c_str());
+  if (!set_document_root_mode(docs_root, 0750))
     report_failure(0, 0, "fp_shim: unable to chmod %s for server %s: %s\n", docs_root, request.domain,
                    std::strerror(errno));
-  static_cast<void>(rename(bounded_text("%s/.htaccess", docs_root).c_str(),
-                           bounded_text("%s/.htaccess.saved_on_fp_delete", docs_root).c_str()));
+  put_protection_aside(docs_root);
   return result;
 }
 
@@ -255,6 +231,8 @@ const char *frontpage_password() {
 
 int manage_frontpage(const frontpage_request &request, MYSQL *db) {
   const fp_site site = describe_site(request, db);
+  if (request.operation == FP_INSTALL || request.operation == FP_REMOVE)
+    refuse_linked_document_root(site.docs_root.c_str());
   unique_lock lock = prepare(site, request);
   int result = 0;
   switch (request.operation) {

@@ -163,15 +163,6 @@ def test_short_lines_and_sub_webs_without_services_are_skipped(panel, root):
     assert os.listdir(HTTPD_VHOSTS_D / DOMAIN / "httpdocsx/_vti_pvt") == ["services.cnf"]
 
 
-def test_line_with_a_slash_alone_names_no_sub_web(panel, root):
-    write(root / "_vti_pvt/services.cnf", "/\n")
-    # The list itself, which such a line would name, lies where the entries are not cleared.
-    (root / "_vti_pvt").rename(root / "kept")
-    (root / "_vti_pvt").symlink_to("kept")
-    install(panel)
-    assert os.listdir(root / "kept") == ["services.cnf"]
-
-
 def test_sub_web_names_with_blanks_and_quotes_are_taken_as_they_stand(panel, root):
     odd = ["my web", " leading and trailing ", "with its return\r", "it's", '"quoted"', "$HOME `id` *"]
     write(root / "_vti_pvt/services.cnf", "".join(f"/{name}\n" for name in odd))

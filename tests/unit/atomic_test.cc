@@ -364,6 +364,14 @@ TEST_F(staged, installed_file_belongs_to_root_with_mode_0644_and_the_work_file_i
   EXPECT_EQ(entries(directory.path), std::vector<std::string>{"httpd.include"});
 }
 
+TEST_F(staged, work_file_is_root_s_alone_whatever_the_umask) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    umask(0);
+    open();
+  })));
+  EXPECT_EQ(owner_and_mode(work), "0:0 0600");
+}
+
 TEST_F(staged, target_is_untouched_until_the_file_is_installed) {
   write_file(target, "old");
   EXPECT_TRUE(quiet(run_in_child([this] {

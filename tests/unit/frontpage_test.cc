@@ -7,13 +7,20 @@
 
 #include <cstdio>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
 namespace {
+
+bool system_fails = false; // with EAGAIN, as when there are too many processes
+std::string
+    swapped_directory; // becomes a link to swapped_target when anything is renamed, and "<name>.aside" itself
+std::string swapped_target;
 
 const std::string FRONTPAGE_D = "/usr/local/frontpage";
 const std::string CONF_D = FRONTPAGE_D + "/conf";
@@ -98,6 +105,49 @@ TEST_F(frontpage, result_of_an_administration_program_that_cannot_be_started_is_
 TEST_F(frontpage, administration_program_that_is_killed_is_no_success) {
   administration_program("kill -KILL $$\n");
   EXPECT_NE(result_of(FP_ENABLE), "result 0\n");
+}
+
+TEST_F(frontpage, command_that_cannot_be_run_is_reported_without_the_password) {
+  make_directories(directory / "example.test/httpdocs/a");
+  write_file(directory / "example.test/httpdocs/a/.htaccess", "a\n");
+  struct {
+    frontpage_operation operation;
+    int reports;
+  } const cases[] = {{FP_INSTALL, 1}, {FP_ENABLE, 1}, {FP_RENAME_ADMIN, 2}, {FP_CHANGE_PASSWORD, 1}};
+  for (const auto &[operation, reports] : cases) {
+    SCOPED_TRACE(operation);
+    const outcome run = run_in_child([operation = operation] {
+      system_fails = true;
+      manage(operation);
+    });
+    std::string text;
+    for (int i = 0; i < reports; ++i)
+      text +=
+          "Unable to run /usr/local/frontpage/version5.0/bin/owsadm.exe: Resource temporarily unavailable\n"
+          "\nSystem error 11: Resource temporarily unavailable\n";
+    EXPECT_EQ(run.err, text);
+    EXPECT_EQ(run.out, text + "result -1\n");
+    EXPECT_EQ(run.status, 0);
+  }
+  EXPECT_EQ(read_file(directory / "example.test/httpdocs/a/.htaccess"), "a\n");
+}
+
+TEST_F(frontpage, sub_web_that_becomes_a_link_before_its_list_is_put_aside_leads_nowhere) {
+  const std::string docs = directory / "example.test/httpdocs";
+  for (const std::string &path : {docs + "/_vti_pvt", docs + "/sub/_vti_pvt", directory / "outside/_vti_pvt"})
+    make_directories(path);
+  write_file(docs + "/_vti_pvt/services.cnf", "/sub\n");
+  write_file(docs + "/sub/_vti_pvt/services.cnf", "mine");
+  write_file(directory / "outside/_vti_pvt/services.cnf", "not yours");
+  administration_program("exit 0\n");
+  const outcome run = run_in_child([&] {
+    swapped_directory = docs + "/sub";
+    swapped_target = directory / "outside";
+    manage(FP_INSTALL);
+  });
+  EXPECT_EQ(run.out, "result 0\n");
+  EXPECT_EQ(entries(directory / "outside/_vti_pvt"), std::vector<std::string>{"services.cnf"});
+  EXPECT_EQ(entries(docs + "/sub.aside/_vti_pvt"), std::vector<std::string>{"services.org"});
 }
 
 TEST_F(frontpage, server_type_of_an_installation_follows_the_generation_of_apache) {
@@ -233,3 +283,21 @@ TEST(frontpage_password, long_password_is_cut_at_the_size_of_the_buffer) {
 }
 
 } // namespace
+
+// The functions of the system that the tests above let fail, or come too late.
+extern "C" int system(const char *command) {
+  static const auto real_system = reinterpret_cast<int (*)(const char *)>(dlsym(RTLD_NEXT, "system"));
+  if (!system_fails)
+    return real_system(command);
+  errno = EAGAIN;
+  return -1;
+}
+
+extern "C" int renameat(int from, const char *old_name, int to, const char *new_name) noexcept {
+  if (!swapped_directory.empty() && (syscall(SYS_renameat2, AT_FDCWD, swapped_directory.c_str(), AT_FDCWD,
+                                             (swapped_directory + ".aside").c_str(), 0) != 0 ||
+                                     symlink(swapped_target.c_str(), swapped_directory.c_str()) != 0))
+    std::abort();
+  swapped_directory.clear();
+  return static_cast<int>(syscall(SYS_renameat2, from, old_name, to, new_name, 0));
+}
