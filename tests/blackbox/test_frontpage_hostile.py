@@ -6,7 +6,7 @@ import pytest
 
 from domain_support import run_restricted
 from frontpage import (
-    DOMAIN, EISDIR, ELOOP, ENOENT, FAKE_CNF_D, FRONTPAGE_D, OPERATIONS, arguments, assert_quiet, assert_reported, docs,
+    DOMAIN, EISDIR, ELOOP, FAKE_CNF_D, FRONTPAGE_D, OPERATIONS, arguments, assert_quiet, assert_reported, docs,
     fake_cnf, lock_path, mode_of, replace_owsadm, report, run, site_cnf, tree, write, www_cnf,
 )
 from panel import HTTPD_VHOSTS_D
@@ -41,8 +41,10 @@ def assert_nothing_was_made_or_run(panel):
 
 # Names
 
-@pytest.mark.parametrize("option", OPERATIONS)
-@pytest.mark.parametrize("name", ["a/../../b", "..", ".", "line\nbreak.test", "bell\a.test", "delete\x7f.test"])
+@pytest.mark.parametrize("option, name", [
+    *((option, "a/../../b") for option in OPERATIONS),
+    *(("enable-fp", name) for name in ("..", ".", "line\nbreak.test", "bell\a.test", "delete\x7f.test")),
+])
 def test_domain_whose_stored_name_is_no_plain_name_ends_the_run(panel, option, name):
     panel.domain(name, directories=False)
     assert_reported(run(panel, option, name=name), 1, report(
@@ -218,8 +220,3 @@ def test_lock_file_that_is_a_link_empties_nobody_s_file(panel, root):
         report("fp_shim: error while trying to create a lock file\n", ELOOP))
     assert victim.read_text() == "kept\n"
     assert panel.owsadm_calls() == []
-
-
-def test_missing_alias_is_still_reported(panel, root):
-    assert_reported(run(panel, "remove-fp"), 0, report(
-        f"Unable unlink {www_cnf()}: No such file or directory", ENOENT))
