@@ -41,7 +41,7 @@ int main(int argc, char **argv) {
   mode_flags &mode = line.mode;
   check_required_parameters(line);
   if (is_frontpage_operation(line.operation))
-    frontpage_password(); // out of the environment before the first child
+    take_frontpage_password(); // out of the environment before the first child
   load_product_config();
 
   if (line.operation == OP_HELP) {

@@ -43,15 +43,15 @@ void features_report(const command_line & /*line*/, MYSQL * /*db*/) {
     std::exit(1); // without a word: whoever asked goes by what was printed
 }
 
-void frontpage(const command_line &line, MYSQL *db) {
+template <frontpage_operation OPERATION> void frontpage(const command_line &line, MYSQL *db) {
   manage_frontpage(
       {
-          .operation = line.operation,
+          .operation = OPERATION,
           .domain = line.value[VHOST_NAME],
           .system_user = line.value[USER_NAME],
           .port = line.value[PORT],
           .admin_name = line.value[ADMIN_NAME],
-          .password = frontpage_password(),
+          .password = take_frontpage_password(),
           .old_name = line.value[OLD_NAME],
           .new_name = line.value[NEW_NAME],
       },
@@ -98,12 +98,12 @@ constexpr std::array<operation_row, 23> OPERATIONS{{
     {OP_UPDATE_WEB_USER, domain_file},
     {OP_REMOVE_WEB_USERS, domain_file},
     {OP_FEATURES, features_report},
-    {OP_INSTALL_FP, frontpage},
-    {OP_REMOVE_FP, frontpage},
-    {OP_ENABLE_FP, frontpage},
-    {OP_DISABLE_FP, frontpage},
-    {OP_RENAME_ADMIN_FP, frontpage},
-    {OP_CHANGE_PASSWORD_FP, frontpage},
+    {OP_INSTALL_FP, frontpage<FP_INSTALL>},
+    {OP_REMOVE_FP, frontpage<FP_REMOVE>},
+    {OP_ENABLE_FP, frontpage<FP_ENABLE>},
+    {OP_DISABLE_FP, frontpage<FP_DISABLE>},
+    {OP_RENAME_ADMIN_FP, frontpage<FP_RENAME_ADMIN>},
+    {OP_CHANGE_PASSWORD_FP, frontpage<FP_CHANGE_PASSWORD>},
     {OP_RECONFIGURE_ALL, all_domain_files, server_wide_file, true},
     {OP_CHANGE_ADMIN_EMAIL, server_wide_file},
     {OP_INSTALL_VHOST, domain_file, server_wide_file, true},
@@ -119,9 +119,6 @@ constexpr bool rows_stand_in_order_of_their_codes() {
   return true;
 }
 static_assert(rows_stand_in_order_of_their_codes());
-
-static_assert(OP_INSTALL_FP == static_cast<int>(FP_INSTALL) &&
-              OP_CHANGE_PASSWORD_FP == static_cast<int>(FP_CHANGE_PASSWORD));
 
 } // namespace
 

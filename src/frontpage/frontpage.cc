@@ -91,7 +91,7 @@ void make_fake_cnf_directory() {
     end_run("Unable to mkdir %s: %s\n", FAKE_CNF_D, std::strerror(errno));
 }
 
-void release(unique_lock lock) {
+void release_site_lock(unique_lock lock) {
   if (unlock_file(std::move(lock)) != 0)
     end_run("fp_shim: error while trying to remove a lock file\n");
 }
@@ -105,16 +105,16 @@ unique_lock prepare(const fp_site &site, const frontpage_request &request) {
   if (!lock_is_held(lock.get()))
     end_run("fp_shim: error while trying to create a lock file\n");
   if (mk_fake_cnf(fake_cnf, request.domain, request.system_user, request.port, site.same_ssl) != 0) {
-    release(std::move(lock));
+    release_site_lock(std::move(lock));
     end_run("mk_fake_cnf error occurred, exiting\n");
   }
   struct stat status;
   if (stat(fake_cnf, &status) != 0) {
-    release(std::move(lock));
+    release_site_lock(std::move(lock));
     end_run("There is no conf %s created", fake_cnf);
   }
   if (!S_ISREG(status.st_mode)) {
-    release(std::move(lock));
+    release_site_lock(std::move(lock));
     end_run("Conf %s isn't a regular file\n", fake_cnf);
   }
   return lock;
@@ -122,7 +122,7 @@ unique_lock prepare(const fp_site &site, const frontpage_request &request) {
 
 // Runs a command through the shell. Returns its exit status; 128 and the signal for one that was killed, as shells do,
 // and -1 after a report for a command that was not run.
-int run(const bounded_text &command) {
+int run_in_shell(const bounded_text &command) {
   const int status = std::system(command.c_str());
   if (status == -1) {
     report_failure(0, 0, "Unable to run %s: %s\n", OWSADM, std::strerror(errno)); // not the password
@@ -141,10 +141,10 @@ int install_extensions(const fp_site &site, const frontpage_request &request) {
   const char *docs_root = site.docs_root.c_str();
   clear_for_installation(docs_root);
 
-  const int result =
-      run(bounded_text("%s -o '%s' -t '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s' -xu '%s'", OWSADM,
-                       "install", Apache2 ? "apache-2.0" : "apache-fp", site.name.c_str(), request.port,
-                       request.admin_name, request.password, site.fake_cnf.c_str(), request.system_user));
+  const int result = run_in_shell(
+      bounded_text("%s -o '%s' -t '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s' -xu '%s'", OWSADM, "install",
+                   Apache2 ? "apache-2.0" : "apache-fp", site.name.c_str(), request.port, request.admin_name,
+                   request.password, site.fake_cnf.c_str(), request.system_user));
 
   make_www_alias(site);
   const bounded_text mailer("SendmailCommand: %s/bin/sendmail", MAILER_D);
@@ -177,8 +177,8 @@ bool is_www_alias_taken(const fp_site &site) {
 
 int remove_extensions(const fp_site &site, const frontpage_request &request) {
   const char *docs_root = site.docs_root.c_str();
-  const int result = run(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, "fulluninstall",
-                                      site.name.c_str(), request.port, site.fake_cnf.c_str()));
+  const int result = run_in_shell(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, "fulluninstall",
+                                               site.name.c_str(), request.port, site.fake_cnf.c_str()));
   unlink_or_report(site.fake_cnf.c_str());
   if (!is_www_alias_taken(site))
     unlink_or_report(site.www_cnf.c_str());
@@ -190,34 +190,34 @@ int remove_extensions(const fp_site &site, const frontpage_request &request) {
 }
 
 int switch_extensions(const fp_site &site, const frontpage_request &request, const char *action) {
-  return run(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, action, site.name.c_str(),
-                          request.port, site.fake_cnf.c_str()));
+  return run_in_shell(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, action, site.name.c_str(),
+                                   request.port, site.fake_cnf.c_str()));
 }
 
 int rename_admin(const fp_site &site, const frontpage_request &request) {
   const char *name = site.name.c_str();
   const char *fake_cnf = site.fake_cnf.c_str();
-  run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s'", OWSADM, "users", "add",
-                   name, request.port, request.new_name, request.password, fake_cnf));
+  run_in_shell(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s'", OWSADM, "users",
+                            "add", name, request.port, request.new_name, request.password, fake_cnf));
   const bounded_text address("http://%s:%s", name, request.port);
-  const int result = run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -n '%s' -w '%s' -s '%s'",
-                                      OWSADM, "userroles", "add", name, request.port, request.new_name,
-                                      "admin", address.c_str(), fake_cnf));
+  const int result = run_in_shell(
+      bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -n '%s' -w '%s' -s '%s'", OWSADM, "userroles",
+                   "add", name, request.port, request.new_name, "admin", address.c_str(), fake_cnf));
   if (result == 0 && !is_empty(request.old_name))
-    run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -s '%s'", OWSADM, "users", "del", name,
-                     request.port, request.old_name, fake_cnf));
+    run_in_shell(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -s '%s'", OWSADM, "users", "del",
+                              name, request.port, request.old_name, fake_cnf));
   return result;
 }
 
 int change_password(const fp_site &site, const frontpage_request &request) {
-  return run(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s'", OWSADM, "users",
-                          "changepassword", site.name.c_str(), request.port, request.admin_name,
-                          request.password, site.fake_cnf.c_str()));
+  return run_in_shell(bounded_text("%s -o '%s' -c '%s' -m '%s' -p '%s' -u '%s' -pw '%s' -s '%s'", OWSADM,
+                                   "users", "changepassword", site.name.c_str(), request.port,
+                                   request.admin_name, request.password, site.fake_cnf.c_str()));
 }
 
 } // namespace
 
-const char *frontpage_password() {
+const char *take_frontpage_password() {
   static char password[TEXT_SIZE];
   static bool taken = false;
   if (!taken) {
@@ -255,9 +255,9 @@ int manage_frontpage(const frontpage_request &request, MYSQL *db) {
     result = change_password(site, request);
     break;
   default:
-    release(std::move(lock));
+    release_site_lock(std::move(lock));
     end_run("First parameter or numbers of parameters is wrong\n");
   }
-  release(std::move(lock));
+  release_site_lock(std::move(lock));
   return result;
 }

@@ -3,20 +3,20 @@
 
 #include <mysql.h>
 
-// Codes of the six operations, as the command line numbers them.
+// The six operations.
 enum frontpage_operation : int {
-  FP_INSTALL = 12,
-  FP_REMOVE = 13,
-  FP_ENABLE = 14,
-  FP_DISABLE = 15,
-  FP_RENAME_ADMIN = 16,
-  FP_CHANGE_PASSWORD = 17,
+  FP_INSTALL,
+  FP_REMOVE,
+  FP_ENABLE,
+  FP_DISABLE,
+  FP_RENAME_ADMIN,
+  FP_CHANGE_PASSWORD,
 };
 
 // What an operation works on. The logins count where the operation needs them: `admin_name` for installation and
 // password change, `old_name` (may be empty) and `new_name` for the renaming of the administrator.
 struct frontpage_request {
-  int operation;
+  frontpage_operation operation;
   const char *domain;
   const char *system_user;
   const char *port;
@@ -28,7 +28,7 @@ struct frontpage_request {
 
 // The administrator's password: what KIV_PASSWORD held, "" if nothing. The first call takes the variable out of the
 // environment, so that no child sees it. Static buffer.
-const char *frontpage_password();
+const char *take_frontpage_password();
 
 // Runs the operation under the lock of the site and port. Returns the exit status of the administration program (128
 // and the signal when it was killed, -1 when no shell could be had), which is not reported. What goes wrong before it

@@ -58,7 +58,7 @@ struct frontpage : empty_database {
 };
 
 // Runs an operation on example.test and prints its result.
-void manage(int operation) {
+void manage(frontpage_operation operation) {
   const admin_connection db;
   const int result = manage_frontpage({.operation = operation,
                                        .domain = "example.test",
@@ -72,14 +72,14 @@ void manage(int operation) {
   std::printf("result %d\n", result);
 }
 
-std::string result_of(int operation) {
+std::string result_of(frontpage_operation operation) {
   const outcome run = run_in_child([=] { manage(operation); });
   EXPECT_EQ(run.status, 0);
   return run.out.substr(run.out.rfind("result"));
 }
 
 TEST_F(frontpage, result_is_the_exit_status_of_the_administration_program) {
-  for (const int operation : OPERATIONS) {
+  for (const frontpage_operation operation : OPERATIONS) {
     SCOPED_TRACE(operation);
     administration_program("exit 0\n");
     EXPECT_EQ(result_of(operation), "result 0\n");
@@ -166,7 +166,7 @@ TEST_F(frontpage, server_type_of_an_installation_follows_the_generation_of_apach
 }
 
 TEST_F(frontpage, operation_outside_the_six_ends_the_run_after_the_preparation) {
-  for (const int operation : {0, 11, 18, -1}) {
+  for (const auto operation : {static_cast<frontpage_operation>(-1), static_cast<frontpage_operation>(6)}) {
     SCOPED_TRACE(operation);
     administration_program("echo called\n");
     EXPECT_TRUE(said(run_in_child([=] { manage(operation); }), 1,
@@ -254,10 +254,10 @@ TEST_F(frontpage, lock_is_free_for_the_next_operation_of_the_same_process) {
 TEST(frontpage_password, first_request_takes_the_variable_and_later_ones_remember_it) {
   const outcome run = run_in_child([] {
     setenv("KIV_PASSWORD", "first", 1);
-    std::printf("%s ", frontpage_password());
+    std::printf("%s ", take_frontpage_password());
     std::printf("%s ", getenv("KIV_PASSWORD") == nullptr ? "gone" : "there");
     setenv("KIV_PASSWORD", "second", 1);
-    std::printf("%s", frontpage_password());
+    std::printf("%s", take_frontpage_password());
   });
   EXPECT_EQ(run.out, "first gone first");
 }
@@ -265,9 +265,9 @@ TEST(frontpage_password, first_request_takes_the_variable_and_later_ones_remembe
 TEST(frontpage_password, unset_variable_is_the_empty_password_from_then_on) {
   const outcome run = run_in_child([] {
     unsetenv("KIV_PASSWORD");
-    std::printf("<%s>", frontpage_password());
+    std::printf("<%s>", take_frontpage_password());
     setenv("KIV_PASSWORD", "late", 1);
-    std::printf("<%s>", frontpage_password());
+    std::printf("<%s>", take_frontpage_password());
   });
   EXPECT_EQ(run.out, "<><>");
 }
@@ -275,7 +275,7 @@ TEST(frontpage_password, unset_variable_is_the_empty_password_from_then_on) {
 TEST(frontpage_password, long_password_is_cut_at_the_size_of_the_buffer) {
   const outcome run = run_in_child([] {
     setenv("KIV_PASSWORD", std::string(5000, 'p').c_str(), 1);
-    std::printf("%s", frontpage_password());
+    std::printf("%s", take_frontpage_password());
   });
   EXPECT_EQ(run.status, 0);
   EXPECT_GE(run.out.size(), 4095u);
