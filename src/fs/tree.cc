@@ -3,6 +3,7 @@
 #include "fs/handles.h"
 #include "fs/walk.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -37,6 +38,17 @@ bool enter_for_renaming(const tree_place &place) {
   if (S_ISREG(status.st_mode))
     report_failure(0, 0, "It's a regulat entry(not directory): %s\n", place.label);
   return !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
+// Whether the path is a directory: 0, or -1 with errno set.
+int require_directory(const std::string &path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0)
+    return -1;
+  if (S_ISDIR(status.st_mode))
+    return 0;
+  errno = ENOTDIR;
+  return -1;
 }
 
 // Whether nobody but root can have made what is in the directory.
@@ -93,6 +105,25 @@ int mkdir_owned(const char *path, uid_t uid, gid_t gid, mode_t mode) {
   if (fchmod(made.fd, mode) != 0)
     return failed("chmod");
   return 0;
+}
+
+int mkdir_with_parents(const std::string &path, mode_t mode) {
+  if (path.empty() || require_directory(path) == 0)
+    return 0;
+  if (errno != ENOENT)
+    return -1;
+  const std::size_t slash = path.find_last_of('/');
+  if (slash != std::string::npos && mkdir_with_parents(path.substr(0, slash), mode) != 0)
+    return -1;
+  if (mkdir(path.c_str(), mode) == 0)
+    return 0;
+  if (errno != EEXIST)
+    return -1;
+  // Another utility has made it meanwhile, or it is a link that leads nowhere.
+  if (require_directory(path) == 0)
+    return 0;
+  errno = ENOTDIR;
+  return -1;
 }
 
 void remove_tree(const char *path, bool remove_top) {

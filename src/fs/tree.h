@@ -2,6 +2,7 @@
 // open at a time, and a failure to come back ends the run. Symbolic links are never followed.
 #pragma once
 
+#include <string>
 #include <sys/types.h>
 
 // Whether stat finds anything under this path. Sets errno as stat does.
@@ -14,6 +15,10 @@ bool is_directory(const char *path);
 // what a link leads to; on the way to it, too, links count only where nobody but root can have made them. Returns 0, or
 // -1 after a report.
 int mkdir_owned(const char *path, uid_t uid, gid_t gid, mode_t mode);
+
+// Makes the directory and every missing parent with this mode. Returns 0, or -1 with errno set: ENOTDIR
+// when something else stands in the way.
+int mkdir_with_parents(const std::string &path, mode_t mode);
 
 // Deletes a file or link, or all that is in a directory and, with `remove_top`, the directory itself. A missing path
 // is fine; any other failure (a socket, pipe or device at `path` included) ends the run.

@@ -3,12 +3,12 @@
 #include "driver/report.h"
 #include "env/config.h"
 #include "fs/text.h"
+#include "fs/tree.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -19,40 +19,9 @@ int open_lock_file(const char *path) {
   return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
 }
 
-// Whether the path is a directory: 0, or -1 with errno set.
-int require_directory(const std::string &path) {
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0)
-    return -1;
-  if (S_ISDIR(status.st_mode))
-    return 0;
-  errno = ENOTDIR;
-  return -1;
-}
-
-// Makes the directory and every missing parent. Returns 0, or -1 with errno set.
-int make_directories(const std::string &path) {
-  if (path.empty() || require_directory(path) == 0)
-    return 0;
-  if (errno != ENOENT)
-    return -1;
-  const std::size_t slash = path.find_last_of('/');
-  if (slash != std::string::npos && make_directories(path.substr(0, slash)) != 0)
-    return -1;
-  if (mkdir(path.c_str(), 0755) == 0)
-    return 0;
-  if (errno != EEXIST)
-    return -1;
-  // Another utility has made it meanwhile, or it is a link that leads nowhere.
-  if (require_directory(path) == 0)
-    return 0;
-  errno = ENOTDIR;
-  return -1;
-}
-
 int make_directory_of(const char *path) {
   const char *slash = std::strrchr(path, '/');
-  return slash != nullptr ? make_directories(std::string(path, slash)) : 0;
+  return slash != nullptr ? mkdir_with_parents(std::string(path, slash), 0755) : 0;
 }
 
 // One request for the byte, again after every interruption. Returns fcntl's result.
