@@ -51,6 +51,14 @@ int require_directory(const std::string &path) {
   return -1;
 }
 
+// Makes a directory with exactly this mode. Returns 0, or -1 with errno set.
+int mkdir_whatever_the_umask(const char *path, mode_t mode) {
+  if (mkdir(path, mode) != 0)
+    return -1;
+  const unique_fd made(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  return made.fd >= 0 ? fchmod(made.fd, mode) : -1;
+}
+
 // Whether nobody but root can have made what is in the directory.
 bool only_root_writes(const unique_fd &directory) {
   struct stat status;
@@ -115,7 +123,7 @@ int mkdir_with_parents(const std::string &path, mode_t mode) {
   const std::size_t slash = path.find_last_of('/');
   if (slash != std::string::npos && mkdir_with_parents(path.substr(0, slash), mode) != 0)
     return -1;
-  if (mkdir(path.c_str(), mode) == 0)
+  if (mkdir_whatever_the_umask(path.c_str(), mode) == 0)
     return 0;
   if (errno != EEXIST)
     return -1;

@@ -16,7 +16,7 @@ bool is_directory(const char *path);
 // -1 after a report.
 int mkdir_owned(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
-// Makes the directory and every missing parent with this mode. Returns 0, or -1 with errno set: ENOTDIR
+// Makes the directory and every missing parent with this mode, umask or not. Returns 0, or -1 with errno set: ENOTDIR
 // when something else stands in the way.
 int mkdir_with_parents(const std::string &path, mode_t mode);
 

@@ -93,15 +93,18 @@ TEST_F(lock_file, is_created_with_its_directory) {
 }
 
 TEST_F(lock_file, is_created_with_every_missing_directory_above_it) {
-  const std::string deep = root / "usr/local/product";
-  PRODUCT_ROOT_D = deep.c_str();
-  umask(0);
-  const outcome run = run_in_child(open_sem);
-  umask(022);
-  EXPECT_TRUE(quiet(run));
-  for (const char *directory : {"usr", "usr/local", "usr/local/product", "usr/local/product/var"})
-    EXPECT_EQ(owner_and_mode(root / directory), "0:0 0755") << directory;
-  EXPECT_EQ(owner_and_mode(deep + "/var/utilities.sem"), "0:0 0600");
+  for (const mode_t mask : {0U, 077U}) {
+    const std::string top = mask == 0 ? "usr" : "opt";
+    const std::string deep = root / (top + "/local/product");
+    PRODUCT_ROOT_D = deep.c_str();
+    umask(mask);
+    const outcome run = run_in_child(open_sem);
+    umask(022);
+    EXPECT_TRUE(quiet(run));
+    for (const char *directory : {"", "/local", "/local/product", "/local/product/var"})
+      EXPECT_EQ(owner_and_mode(root / (top + directory)), "0:0 0755") << directory;
+    EXPECT_EQ(owner_and_mode(deep + "/var/utilities.sem"), "0:0 0600");
+  }
 }
 
 TEST_F(lock_file, is_opened_for_writing_only) {
