@@ -15,7 +15,8 @@ namespace {
 // So many users are looked up one by one, each a scan of the user database, before it is read as a whole.
 constexpr int SINGLE_LOOKUPS = 8;
 
-// What the database said of a name: its ids, or that there is no such name. Either answer leaves errno behind.
+// What the database said of a name: its ids, or that there is no such name. `error` is what errno was after the question
+// and is again after every later one: messages show it.
 struct account {
   bool exists;
   uid_t uid;

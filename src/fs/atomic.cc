@@ -39,10 +39,9 @@ staged_file open_staged_file(const bounded_text &target) {
   unlink(file.work.c_str()); // whatever it is: a dangling link, too, would lead us elsewhere
   unique_fd fd(open(file.work.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (fd.fd >= 0)
-    file.out.reset(fdopen(fd.fd, "w"));
+    file.out.reset(fdopen(fd.release(), "w"));
   if (!file.out)
     end_run("Unable to open file %s for writing: %s\n", file.work.c_str(), std::strerror(errno));
-  static_cast<void>(fd.release()); // the stream's now
   return file;
 }
 

@@ -1,4 +1,4 @@
-// Replacing a live configuration file; nothing else in the program writes to one.
+// Replacing a configuration file that the web server may be reading.
 //
 // A generator writes a file in full beside the live one ("<target>.new", the work file), closes it, and has it
 // copied over the live one through a temporary file of a unique name in the same directory. Where the program may

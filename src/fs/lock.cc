@@ -1,5 +1,6 @@
 #include "fs/lock.h"
 
+#include "driver/report.h"
 #include "fs/handles.h"
 #include "fs/text.h"
 
@@ -7,9 +8,9 @@
 #include <openssl/md5.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <new>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <utility>
@@ -106,26 +107,22 @@ void hold_until_exit(unique_lock lock) {
 } // namespace
 
 void free_lock::operator()(file_lock *lock) const noexcept {
-  lock->~file_lock();
+  const unique_fd held(lock->fd > 0 ? lock->fd : -1); // closed at the end
+  std::free(lock->path);
   std::free(lock);
 }
 
-file_lock::~file_lock() {
-  unique_fd(fd > 0 ? fd : -1).reset();
-}
-
 unique_lock lock_file(const char *path) {
-  void *memory = std::malloc(sizeof(file_lock));
-  if (memory == nullptr)
+  unique_lock lock(static_cast<file_lock *>(std::calloc(1, sizeof(file_lock)))); // main has `new` end the run
+  if (!lock)
     return nullptr;
-  unique_lock lock(new (memory) file_lock);
   char digest[33];
-  lock->path = xasprintf("%s/%s", LOCK_DIRECTORY, md5_hex("", path, digest));
-  lock->fd = open_lock_file(lock->path.get());
+  lock->path = xasprintf("%s/%s", LOCK_DIRECTORY, md5_hex("", path, digest)).release();
+  lock->fd = open_lock_file(lock->path);
   if (lock->fd < 0)
     return lock;
   if (flock(lock->fd, LOCK_EX) != 0) {
-    unique_fd(lock->fd).reset();
+    const unique_fd refused(lock->fd);
     lock->fd = errno == EAGAIN ? 0 : -1;
   }
   return lock;
@@ -141,8 +138,7 @@ int unlock_file(unique_lock lock) {
   if (!lock_is_held(lock.get()))
     return 0;
   if (close(std::exchange(lock->fd, 0)) != 0) {
-    report_failure(0, 0, "An error occured during closing '%s' file: %s\n", lock->path.get(),
-                   std::strerror(errno));
+    report_failure(0, 0, "An error occured during closing '%s' file: %s\n", lock->path, std::strerror(errno));
     return -1;
   }
   return 0;

@@ -5,16 +5,12 @@
 // lock goes with the descriptor. The directory is root's alone, or no lock is taken in it, and no link in it is followed.
 #pragma once
 
-#include "driver/report.h"
-
 #include <memory>
 
-// A lock, or the reason why there is none. Dropping it releases the lock in silence.
+// A lock, or the reason why there is none. It owns both; dropping it releases the lock in silence.
 struct file_lock {
-  ~file_lock();
-
-  int fd = 0; // > 0: held; 0: refused because it is busy; < 0: the lock file could not be opened or locked
-  unique_text path;
+  int fd;     // > 0: held; 0: refused because it is busy; < 0: the lock file could not be opened or locked
+  char *path; // of the lock file, on the heap
 };
 
 struct free_lock {

@@ -119,7 +119,7 @@ TEST_F(lock, file_is_named_by_the_digest_of_exactly_the_path) {
   unlink(EXAMPLE_LOCK);
   unique_lock handle = lock_file(EXAMPLE);
   ASSERT_NE(handle, nullptr);
-  EXPECT_STREQ(handle->path.get(), EXAMPLE_LOCK);
+  EXPECT_STREQ(handle->path, EXAMPLE_LOCK);
   EXPECT_TRUE(exists(EXAMPLE_LOCK));
   EXPECT_FALSE(exists(EXAMPLE));
   EXPECT_EQ(unlock_file(std::move(handle)), 0);
@@ -163,7 +163,7 @@ TEST_F(lock, paths_may_have_any_length_and_characters) {
     SCOPED_TRACE(path);
     unique_lock handle = lock_file(path.c_str());
     EXPECT_EQ(lock_is_held(handle.get()), 1);
-    EXPECT_EQ(std::strlen(handle->path.get()), std::strlen(EXAMPLE_LOCK));
+    EXPECT_EQ(std::strlen(handle->path), std::strlen(EXAMPLE_LOCK));
   }
 }
 
@@ -205,7 +205,7 @@ TEST_F(lock, that_is_refused_is_0_when_busy_and_negative_otherwise) {
       close(free_descriptor);
       flock_error = c.error;
       const unique_lock handle = lock_file(EXAMPLE);
-      if (lock_is_held(handle.get()) != 0 || handle->path.get() != std::string(EXAMPLE_LOCK))
+      if (lock_is_held(handle.get()) != 0 || handle->path != std::string(EXAMPLE_LOCK))
         return 1;
       for (const int number : {free_descriptor, free_descriptor + 1}) // of the directory and the lock file
         if (fcntl(number, F_GETFD) != -1)
@@ -314,10 +314,8 @@ TEST(lock_handle, held_means_a_descriptor_above_0) {
   } cases[] = {{-1, 0}, {-2147483647, 0}, {0, 0}, {1, 1}, {777, 1}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.fd);
-    file_lock handle;
-    handle.fd = c.fd;
+    const file_lock handle = {c.fd, nullptr};
     EXPECT_EQ(lock_is_held(&handle), c.held);
-    handle.fd = 0; // for its end: the descriptor is none of ours
   }
 }
 
