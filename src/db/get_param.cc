@@ -68,7 +68,7 @@ int is_component_installed(const char *package) {
   const bounded_text query("SELECT version FROM Components WHERE name = '%s'", package);
   const unique_result result = db_select(db.get(), query.c_str());
   if (!result)
-    report_failure(0, 0, "Unable to query component %s: %s\n", package, mysql_error(db.get()));
+    report_failure(0, 0, "Unable to query component %s: %s", package, mysql_error(db.get()));
   if (!result || mysql_num_rows(result.get()) != 1)
     return 0;
   MYSQL_ROW row = mysql_fetch_row(result.get());

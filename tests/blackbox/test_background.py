@@ -147,6 +147,14 @@ def test_message_of_several_lines_makes_several_entries(panel, site, tmp_path):
     assert said[1:] == ["System error 2: No such file or directory"]
 
 
+def test_failed_assertion_of_a_detached_run_is_in_the_system_log(panel, tmp_path):
+    with system_log(panel, tmp_path) as entries, watch.adopting(panel) as adoption:
+        assert panel.run("-u", "--vhost-name=o'nobody.test").status == 0
+        assert adoption.next_end()[1] == -signal.SIGABRT
+        [entry] = entries()
+    assert re.search(r"\]: get\.c:\d+: get_dom_id: Assertion `.*' failed\.$", entry), entry
+
+
 def test_failure_in_the_foreground_is_not_in_the_system_log(panel, tmp_path):
     with system_log(panel, tmp_path) as entries:
         assert panel.run("-u", "--vhost-name=nobody.test", "-v").status == 1
