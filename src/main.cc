@@ -4,6 +4,7 @@
 #include "db/connection.h"
 #include "db/get_param.h"
 #include "db/query.h"
+#include "driver/help.h"
 #include "driver/operations.h"
 #include "driver/options.h"
 #include "driver/report.h"
@@ -61,7 +62,7 @@ int main(int argc, char **argv) {
   unique_connection connection = db_connect_or_report();
   MYSQL *db = connection.get();
   if (db == nullptr)
-    end_run("Unable to connect to the mysql database\n");
+    end_run(NO_DATABASE);
   pipelog = is_flag_set(get_misc_param("apache_pipelog", db)) ? 1 : 0;
 
   if (mode.restart_tomcat)

@@ -5,10 +5,10 @@
 #include "fs/text.h"
 
 int get_anon_ftp(const char *dom_id, MYSQL *db) {
-  assert_quotable(dom_id, "ftp.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(dom_id, "ftp.c");
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    report_failure(0, 0, NO_DATABASE);
     return 0;
   }
   const bounded_text query("select a.status from domains d, anon_ftp a "

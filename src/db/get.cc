@@ -7,40 +7,20 @@
 
 #include <cctype>
 
-const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db) {
-  static char value[TEXT_SIZE];
-
-  assert_quotable(dom_id, "get.c", __LINE__, __func__);
-  assert_quotable(param, "get.c", __LINE__, __func__);
-  const connection_scope connection(db);
-  if (connection.handle == nullptr) {
-    report_failure(0, 0, "Unable to connect to mysql database\n");
-    return nullptr;
-  }
-  const bounded_text query("select val from dom_param where dom_id='%s' and param='%s'", dom_id, param);
-  const unique_result result = db_select(connection.handle, query.c_str());
-  if (!result) {
-    report_failure(0, 0, "Unable to query domain parameter %s: %s\n", param, mysql_error(connection.handle));
-    return nullptr;
-  }
-  MYSQL_ROW row = mysql_fetch_row(result.get());
-  return copy_text(value, row != nullptr ? text_or_empty(row[0]) : "");
-}
-
 const char *get_dom_id(const char *name, MYSQL *db) {
   static char id[TEXT_SIZE];
 
-  assert_quotable(name, "get.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(name, "get.c");
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    report_failure(0, 0, NO_DATABASE);
     return nullptr;
   }
   unique_text ascii_name = idn_toascii(name);
   if (!ascii_name)
     end_run("idn_toascii() failed: %s", idn_error_text(idn_last_error));
   // Full-width quotes and backslashes have become plain ones.
-  assert_quotable(ascii_name.get(), "get.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(ascii_name.get(), "get.c");
   const bounded_text query("select id from domains where name='%s'", ascii_name.get());
   ascii_name.reset();
   const unique_result result = db_select(connection.handle, query.c_str());
@@ -55,10 +35,10 @@ const char *get_dom_id(const char *name, MYSQL *db) {
 const char *get_exist_case_dom_name(const char *name) {
   static char stored_name[TEXT_SIZE];
 
-  assert_quotable(name, "get.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(name, "get.c");
   const unique_connection db = db_connect_or_report();
   if (!db)
-    end_run("Unable to connect to the mysql database\n");
+    end_run(NO_DATABASE);
   const bounded_text query("select name from domains where name='%s'", name);
   const unique_result result = db_select(db.get(), query.c_str());
   if (!result)
@@ -73,10 +53,10 @@ const char *get_exist_case_dom_name(const char *name) {
 }
 
 int get_www_prefix(const char *dom_id, MYSQL *db) {
-  assert_quotable(dom_id, "get.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(dom_id, "get.c");
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    report_failure(0, 0, NO_DATABASE);
     return -1;
   }
 

@@ -3,9 +3,6 @@
 
 #include <mysql.h>
 
-// Value of the domain's setting `param`, "" when it is absent or null; null after a report. Static buffer.
-const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db);
-
 // Id of the domain with this name (UTF-8 or ASCII). A name without a record, one that cannot be converted and a
 // failed query end the run; null after a report only when `db` is null and no connection can be had. Static buffer.
 const char *get_dom_id(const char *name, MYSQL *db);

@@ -4,12 +4,14 @@
 #include "db/query.h"
 #include "fs/text.h"
 
+int pipelog = 0;
+
 const char *get_param_by_query(const char *query, MYSQL *db, unsigned column) {
   static char value[TEXT_SIZE];
 
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    report_failure(0, 0, NO_DATABASE);
     return nullptr;
   }
   const unique_result result = db_select(connection.handle, query);
@@ -41,12 +43,32 @@ const char *get_domain_htype(const char *dom_id, MYSQL *db) {
   return get_param_simple(dom_id, "domains", "id", "htype", db);
 }
 
+const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db) {
+  static char value[TEXT_SIZE];
+
+  ASSERT_QUOTABLE(dom_id, "get.c"); // the panel's support knows it by this file
+  ASSERT_QUOTABLE(param, "get.c");
+  const connection_scope connection(db);
+  if (connection.handle == nullptr) {
+    report_failure(0, 0, "Unable to connect to mysql database\n");
+    return nullptr;
+  }
+  const bounded_text query("select val from dom_param where dom_id='%s' and param='%s'", dom_id, param);
+  const unique_result result = db_select(connection.handle, query.c_str());
+  if (!result) {
+    report_failure(0, 0, "Unable to query domain parameter %s: %s\n", param, mysql_error(connection.handle));
+    return nullptr;
+  }
+  MYSQL_ROW row = mysql_fetch_row(result.get());
+  return copy_text(value, row != nullptr ? text_or_empty(row[0]) : "");
+}
+
 const char *get_cf_instance_path(MYSQL *db) {
   static char path[TEXT_SIZE];
 
   const connection_scope connection(db);
   if (connection.handle == nullptr)
-    end_run("Unable to connect to the mysql database\n");
+    end_run(NO_DATABASE);
 
   const char *value = get_misc_param("cf_instance_type", connection.handle);
   if (!is_usable_setting(value))

@@ -3,6 +3,10 @@
 
 #include <mysql.h>
 
+// 1 when one piped log for all hosts replaces their own access logs: the setting "apache_pipelog", once main has read
+// it.
+extern int pipelog;
+
 // Column `column` of the first row of `query`. All getters below up to get_domain_htype share one static buffer.
 // Null, after a report, when the query fails or no connection can be had; never ends the run.
 const char *get_param_by_query(const char *query, MYSQL *db, unsigned column);
@@ -19,6 +23,9 @@ bool is_usable_setting(const char *value);
 
 // Hosting type of the domain with this id (decimal text).
 const char *get_domain_htype(const char *dom_id, MYSQL *db);
+
+// Value of the domain's setting `param`, "" when it is absent or null; null after a report. Static buffer of its own.
+const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db);
 
 // Where the ColdFusion server keeps its runtime, in a static buffer of its own; null when the panel has no
 // ColdFusion. Ends the run when `db` is null and no connection can be had.

@@ -7,11 +7,11 @@
 #include <vector>
 
 int get_service_status(const char *dom_id, const char *type, MYSQL *db) {
-  assert_quotable(dom_id, "service.c", __LINE__, __func__);
-  assert_quotable(type, "service.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(dom_id, "service.c");
+  ASSERT_QUOTABLE(type, "service.c");
   connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, "Unable to connect to the mysql database\n");
+    report_failure(0, 0, NO_DATABASE);
     return -1;
   }
   const bounded_text query("select status from DomainServices where dom_id='%s' and type='%s'", dom_id, type);

@@ -1,4 +1,4 @@
-#include "driver/options.h"
+#include "driver/help.h"
 
 #include <cstdio>
 

@@ -3,6 +3,7 @@
 #include "db/get.h"
 #include "db/get_param.h"
 #include "driver/features.h"
+#include "driver/help.h"
 #include "driver/report.h"
 #include "frontpage/frontpage.h"
 #include "gen/sequence.h"

@@ -105,9 +105,9 @@ constexpr bool letters_match_short_options() {
 static_assert(letters_match_short_options());
 
 constexpr bool parameters_come_first() {
-  for (int i = 0; i < static_cast<int>(OPTIONS.size()); ++i) {
-    const option_row &row = OPTIONS[static_cast<std::size_t>(i)];
-    if ((i < PARAMETERS) != (row.operation == OP_NONE && row.mode == nullptr))
+  for (std::size_t i = 0; i < OPTIONS.size(); ++i) {
+    const bool is_parameter = OPTIONS[i].operation == OP_NONE && OPTIONS[i].mode == nullptr;
+    if (is_parameter != (i < PARAMETER_COUNT))
       return false;
   }
   return true;
@@ -119,23 +119,21 @@ using long_options = std::array<option, OPTIONS.size() + 1>;
 // Rows without a letter share the answer 0, so that getopt_long takes the first of them that an abbreviation fits.
 constexpr long_options make_long_options() {
   long_options all{};
-  for (int i = 0; i < static_cast<int>(OPTIONS.size()); ++i) {
-    const std::size_t row = static_cast<std::size_t>(i);
-    all[row] = {OPTIONS[row].name, i < PARAMETERS ? required_argument : no_argument, nullptr,
-                OPTIONS[row].letter};
-  }
+  for (std::size_t i = 0; i < OPTIONS.size(); ++i)
+    all[i] = {OPTIONS[i].name, i < PARAMETER_COUNT ? required_argument : no_argument, nullptr,
+              OPTIONS[i].letter};
   return all;
 }
 constexpr long_options LONG_OPTIONS = make_long_options();
 
-// The table row that getopt_long's answer stands for, or -1; `index` is what it said of a long option.
-int row_of(int answer, int index) {
+// The table row that getopt_long's answer stands for, or one past the last; `index` is what it said of a long option.
+std::size_t row_of(int answer, int index) {
   if (answer == 0)
-    return index;
-  for (int i = 0; i < static_cast<int>(OPTIONS.size()); ++i)
-    if (OPTIONS[static_cast<std::size_t>(i)].letter == answer)
-      return i;
-  return -1;
+    return static_cast<std::size_t>(index);
+  std::size_t row = 0;
+  while (row < OPTIONS.size() && OPTIONS[row].letter != answer)
+    ++row;
+  return row;
 }
 
 // The first operation wins. Help always does, but what the operation before it requires stays required.
@@ -143,9 +141,9 @@ bool is_ignored(const command_line &line, const option_row &row) {
   return row.operation != OP_NONE && row.operation != OP_HELP && line.operation != OP_NONE;
 }
 
-void apply(command_line &line, int index, const char *argument) {
-  const option_row &row = OPTIONS[static_cast<std::size_t>(index)];
-  if (index < PARAMETERS) {
+void apply(command_line &line, std::size_t index, const char *argument) {
+  const option_row &row = OPTIONS[index];
+  if (index < PARAMETER_COUNT) {
     copy_text(line.value[index], argument);
     return;
   }
@@ -168,7 +166,7 @@ command_line &parse_command_line(int argc, char **argv) {
   while ((answer = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS.data(), &index)) != -1) {
     if (answer == '?')
       end_run("Unknown option in command string, see log for details");
-    if (const int row = row_of(answer, index); row >= 0)
+    if (const std::size_t row = row_of(answer, index); row < OPTIONS.size())
       apply(line, row, optarg);
   }
   if (optind != argc)
@@ -179,7 +177,7 @@ command_line &parse_command_line(int argc, char **argv) {
 }
 
 void check_required_parameters(const command_line &line) {
-  for (int i = 0; i < PARAMETERS; ++i)
-    if ((line.required & (1U << i)) != 0 && line.value[i][0] == '\0')
-      end_run("Miss parameter '%s' or previos parameter empty.\n", OPTIONS[static_cast<std::size_t>(i)].name);
+  for (unsigned i = 0; i < PARAMETER_COUNT; ++i)
+    if ((line.required & (1U << i)) != 0 && is_empty(line.value[i]))
+      end_run("Miss parameter '%s' or previos parameter empty.\n", OPTIONS[i].name);
 }

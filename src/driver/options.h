@@ -32,8 +32,8 @@ enum operation_code : int {
   OP_HELP = 24,
 };
 
-// The parameters, in option-table order.
-enum parameter : int {
+// The parameters, in option-table order: indexes of command_line::value.
+enum parameter : unsigned {
   VHOST_NAME,
   IP_ADDRESS,
   EMAIL,
@@ -44,7 +44,7 @@ enum parameter : int {
   ADMIN_NAME,
   OLD_NAME,
   NEW_NAME,
-  PARAMETERS,
+  PARAMETER_COUNT,
 };
 
 // The modes, each 0 or 1.
@@ -62,7 +62,7 @@ struct command_line {
   int operation;     // OP_RECONFIGURE_ALL when none was given
   unsigned required; // bit 1 << parameter for each that must not be empty
   mode_flags mode;
-  char value[PARAMETERS][TEXT_SIZE]; // "" when not given; cut to 4095 characters
+  char value[PARAMETER_COUNT][TEXT_SIZE]; // "" when not given; cut to 4095 characters
 };
 
 // Parses the whole command line into static storage. An unknown option, an option without its argument and words left
@@ -71,6 +71,3 @@ command_line &parse_command_line(int argc, char **argv);
 
 // Ends the run when a required parameter is empty, naming the first.
 void check_required_parameters(const command_line &line);
-
-// Prints the help text to standard output.
-void print_help();

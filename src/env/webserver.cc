@@ -15,7 +15,6 @@ char *apache_magic = nullptr;
 int apache_version = 0;
 int apache_minor = 0;
 int Apache2 = 1;
-int pipelog = 0;
 
 namespace {
 

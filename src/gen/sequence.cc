@@ -3,6 +3,7 @@
 #include "db/connection.h"
 #include "db/ftp.h"
 #include "db/get.h"
+#include "db/get_param.h"
 #include "db/query.h"
 #include "db/service.h"
 #include "env/config.h"

@@ -1,7 +1,7 @@
 #include "gen/subdomains.h"
 
 #include "db/connection.h"
-#include "db/get.h"
+#include "db/get_param.h"
 #include "db/query.h"
 #include "env/config.h"
 #include "fs/accounts.h"

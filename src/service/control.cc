@@ -21,6 +21,10 @@ constexpr int KILL_ROUNDS = 5;
 constexpr unsigned KILL_ROUND_SECONDS = 5;
 constexpr int STATUS_POLLS = 21;
 
+// A service whose name agrees with the web server's so far is handled as the web server: "postgresql" where
+// HTTPD_SERVICE is "postgresq".
+constexpr std::size_t WEB_SERVER_PREFIX = 9;
+
 // In lookup order; the web server's name is HTTPD_SERVICE and stands second.
 constexpr const char *FIRST_SERVICE = "kiv";
 constexpr const char *OTHER_SERVICES[] = {
@@ -59,7 +63,7 @@ int generic_action(const char *name, const char *action) {
 int coldfusion_action(const char *program, const char *action) {
   const unique_connection db = db_connect_or_report();
   if (!db)
-    end_run("Unable to connect to the mysql database\n");
+    end_run(NO_DATABASE);
   const char *path = get_misc_param("cf_instance_path", db.get());
   if (!is_usable_setting(path)) {
     report_failure(0, 0, "CF not configured in Quarry.\n");
@@ -135,13 +139,14 @@ int service_action(const char *name, const char *action) {
     report_failure(0, 0, "Unknown service: %s\n", name);
     return -1;
   }
-  if (strncasecmp(name, "coldfusion", 11) == 0)
+  // From here on letter case is nothing: HTTPD_SERVICE may be any name, "JRun" as well.
+  if (strcasecmp(name, "coldfusion") == 0)
     return coldfusion_action("coldfusion", action);
-  if (strncasecmp(name, "jrun", 5) == 0)
+  if (strcasecmp(name, "jrun") == 0)
     return coldfusion_action("jrun", action);
-  if (strncasecmp(name, "tomcat4", 8) == 0)
+  if (strcasecmp(name, "tomcat4") == 0)
     return tomcat_action(action);
-  if (strncasecmp(name, HTTPD_SERVICE, 9) == 0)
+  if (strncasecmp(name, HTTPD_SERVICE, WEB_SERVER_PREFIX) == 0)
     return apache_action(action);
   return generic_action(name, action);
 }

@@ -1,6 +1,7 @@
 #include "db/get.h"
 
 #include "db/ftp.h"
+#include "db/get_param.h"
 #include "db/service.h"
 #include "support_database.h"
 

@@ -4,6 +4,7 @@
 #include "gen/ip_hosts.h"
 
 #include "db/connection.h"
+#include "db/get_param.h"
 #include "env/config.h"
 #include "env/webserver.h"
 #include "gen/connectors.h"

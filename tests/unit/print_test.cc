@@ -1,6 +1,7 @@
 #include "gen/print.h"
 
 #include "db/connection.h"
+#include "db/get_param.h"
 #include "env/config.h"
 #include "env/webserver.h"
 #include "gen/connectors.h"

@@ -1,0 +1,5 @@
+// The help text.
+#pragma once
+
+// Prints it to standard output.
+void print_help();
