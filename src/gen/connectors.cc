@@ -3,7 +3,7 @@
 #include "db/get_param.h"
 #include "env/config.h"
 #include "env/webserver.h"
-#include "fs/handles.h"
+#include "fs/hidden_file.h"
 #include "fs/presence.h"
 #include "fs/text.h"
 
@@ -15,21 +15,24 @@ constexpr char WORKER[] = "ajp13";
 constexpr char DEFAULT_WARP_PORT[] = "9008";
 constexpr char CONNECTOR_PROFILE[] = "kiv";
 
+[[noreturn]] void fail_to_open(const char *path) {
+  end_run("Unable to open file %s for writing: %s\n", path, std::strerror(errno));
+}
+
+// A torn one would never be written again, so it has no name until it is whole.
 void create_workers_file(const char *path, const char *port) {
-  unique_file out(fopen(path, "we"));
-  if (!out)
-    end_run("Unable to open file %s for writing: %s\n", path, std::strerror(errno));
-  fprintf(out.get(), "worker.list=%s\n", WORKER);
-  fprintf(out.get(), "worker.%s.port=%s\n", WORKER, port);
-  fprintf(out.get(), "worker.%s.host=localhost\n", WORKER);
-  fprintf(out.get(), "worker.%s.type=ajp13\n", WORKER);
-  if (close_file(std::move(out)) == 0)
-    return;
-  {
-    const errno_guard keep;
-    unlink(path); // a torn file would never be written again
-  }
-  end_run("Unable to close file %s: %s\n", path, std::strerror(errno));
+  hidden_file file = open_hidden_file(path);
+  FILE *out = file.out.get();
+  if (out == nullptr)
+    fail_to_open(path);
+  fprintf(out, "worker.list=%s\n", WORKER);
+  fprintf(out, "worker.%s.port=%s\n", WORKER, port);
+  fprintf(out, "worker.%s.host=localhost\n", WORKER);
+  fprintf(out, "worker.%s.type=ajp13\n", WORKER);
+  if (close_hidden_file(file) != 0)
+    end_run("Unable to close file %s: %s\n", path, std::strerror(errno));
+  if (reveal_hidden_file(std::move(file)) != 0)
+    fail_to_open(path);
 }
 
 } // namespace

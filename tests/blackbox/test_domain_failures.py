@@ -497,8 +497,9 @@ def test_workers_file_on_a_full_disk_ends_the_run_and_is_not_left_half_written(p
     assert_reported(result, with_error(f"Unable to close file {WORKERS_FILE}: No space left on device\n",
                                        errno.ENOSPC))
     assert panel.server_file() == before
-    assert not os.path.lexists(WORKERS_FILE)
-    assert sorted(os.listdir(HTTPD_CONF_D)) == ["conf.d", "httpd.conf", "httpd.pem"]
+    assert not os.path.exists(WORKERS_FILE)
+    assert conf_entries("example.test") == ["ballast"]
+    assert sorted(os.listdir(HTTPD_CONF_D)) == ["conf.d", "httpd.conf", "httpd.pem", WORKERS_FILE.name]
 
 
 # Over-long values
