@@ -2,6 +2,7 @@
 
 #include "fs/text.h"
 
+#include <cerrno>
 #include <idn-free.h>
 #include <idna.h>
 #include <regex.h>
@@ -20,11 +21,24 @@ struct free_idn {
 };
 using unique_idn = std::unique_ptr<char, free_idn>;
 
+// Calls a library that gives lack of memory the code of another failure. Returns its code; out of memory ends the run.
+// errno is left as the call alone leaves it.
+template <typename Call> int call_with_memory(const Call &call) {
+  const int saved = errno;
+  errno = 0;
+  const int code = call();
+  if (code != 0 && errno == ENOMEM)
+    end_run("Allocation failed");
+  if (errno == 0)
+    errno = saved;
+  return code;
+}
+
 // libidn's conversion: its result code, the name in `ascii` when that is 0; another is kept in idn_last_error. Out of
-// memory ends the run.
+// memory ends the run, also where the library calls it a bad name.
 int convert(const char *name, unique_idn &ascii) {
   char *converted = nullptr;
-  const int code = idna_to_ascii_8z(name, &converted, 0);
+  const int code = call_with_memory([&] { return idna_to_ascii_8z(name, &converted, 0); });
   ascii.reset(converted);
   if (code == OUT_OF_MEMORY)
     end_run("Allocation failed");
@@ -119,7 +133,7 @@ const char *idn_url_toascii(const char *url) {
   if (pattern.error != 0)
     end_run("regcomp() failed: %s", regex_error_text(pattern.error, pattern.compiled).c_str());
   regmatch_t part[URL_PARTS];
-  const int error = regexec(&pattern.compiled, url, URL_PARTS, part, 0);
+  const int error = call_with_memory([&] { return regexec(&pattern.compiled, url, URL_PARTS, part, 0); });
   if (error != 0) {
     report_failure(0, 0, "regexec() failed: %s", regex_error_text(error, pattern.compiled).c_str());
     return nullptr;

@@ -47,5 +47,5 @@ extern const char *CLIENT_PHP_BIN;
 extern const char *RBLSMTPD;
 extern const char *COURIER_IMAP_ROOT_D;
 
-// PRODUCT_ROOT_D "/var/certificates"; null, unreported, when memory is out.
+// PRODUCT_ROOT_D "/var/certificates"; null, unreported, when memory is out: whoever needs it then ends the run.
 extern const char *CERTIFICATES_D;

@@ -192,7 +192,11 @@ void print_protected_dir(FILE *out, const char *directory, const char *domain, c
 
 unique_text protected_dir_password_file(const char *domain, const char *relative_path) {
   char name[TEXT_SIZE];
-  strn_replace(relative_path[0] == '/' ? relative_path + 1 : relative_path, name, "/", "@", sizeof name);
+  const char *path_below = relative_path[0] == '/' ? relative_path + 1 : relative_path;
+  if (strn_replace(path_below, name, "/", "@", sizeof name) != name) {
+    errno = ENOMEM; // its own report has overwritten it
+    end_run("Cannot allocate memory: %s", std::strerror(errno));
+  }
   name[sizeof name - 1] = '\0';
   if (std::strlen(name) > PASSWORD_FILE_NAME_MAX)
     return nullptr;
@@ -264,6 +268,8 @@ void print_ssl_off(FILE *out) {
 void print_ssl_certificate(FILE *out, const char *cert_file, const char *ca_file) {
   if (is_empty(cert_file))
     return;
+  if (CERTIFICATES_D == nullptr)
+    end_run("Cannot allocate memory: %s", std::strerror(ENOMEM));
   fprintf(out, "\tSSLEngine on\n"
                "\tSSLVerifyClient none\n");
   fprintf(out, "\tSSLCertificateFile %s/%s\n", CERTIFICATES_D, cert_file);

@@ -34,7 +34,7 @@ void print_protected_dir(FILE *out, const char *directory, const char *domain, c
                          const char *relative_path);
 
 // Path of the password file of a protected directory, newly allocated; null when its name would be longer than 247
-// characters, or memory is out.
+// characters, or memory for it is out. Memory that is out before that ends the run.
 unique_text protected_dir_password_file(const char *domain, const char *relative_path);
 
 // The domain's own error pages, as far as they exist. Returns 0, or -1 after a report when nobody can tell.
@@ -56,7 +56,7 @@ bool lacks_trace_enable();
 void print_ssl_off(FILE *out);
 
 // SSL switched on with a certificate and, unless null or empty, a CA file, both below CERTIFICATES_D. Nothing without
-// a certificate file.
+// a certificate file. Ends the run when CERTIFICATES_D could not be composed.
 void print_ssl_certificate(FILE *out, const char *cert_file, const char *ca_file);
 
 // Port and name of a host, and the user that its programs run as: `runs_programs` says whether it has any.

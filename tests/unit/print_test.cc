@@ -352,6 +352,25 @@ TEST_F(print_block, path_that_fills_the_whole_buffer_has_no_password_file) {
   EXPECT_FALSE(protected_dir_password_file("example.test", path.c_str()));
 }
 
+TEST_F(print_block, protection_without_memory_for_the_name_of_its_password_file_ends_the_run) {
+  const outcome run = run_in_child([] {
+    fail_allocations_of(4096 + 1);
+    print_protected_dir(stdout, "/srv/sites/example.test/httpdocs", "example.test", "realm", "httpdocs");
+  });
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out.find("AuthUserFile"), std::string::npos);
+  EXPECT_NE(run.err.find("Cannot allocate memory: Cannot allocate memory\n"), std::string::npos);
+}
+
+TEST_F(print_block, certificate_in_a_directory_that_could_not_be_composed_ends_the_run) {
+  const outcome run = run_in_child([] {
+    CERTIFICATES_D = nullptr;
+    print_ssl_certificate(stdout, nullptr, nullptr);
+    print_ssl_certificate(stdout, "cert1", nullptr);
+  });
+  EXPECT_TRUE(reported(run, 1, "Cannot allocate memory: Cannot allocate memory\n"));
+}
+
 // Error pages
 
 TEST_F(print_block, error_pages_are_listed_in_their_order_as_far_as_they_exist) {
