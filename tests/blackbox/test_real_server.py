@@ -288,3 +288,28 @@ def test_visitors_above_the_limit_of_connections_are_told_so(panel, apache):
         assert apache.answer("shop.test")[0] == 510
         assert apache.serves("the café", "cafe.test")
     wait_until(lambda: apache.serves("the shop", "shop.test"))
+
+
+def test_files_for_a_server_that_cannot_refuse_to_be_traced_do_it_themselves(panel, apache, tmp_path):
+    page(HTTPD_VHOSTS_D / "default/htdocs", "the default host")
+    shop = site(panel, "shop.test", "the shop", ssl="true", same_ssl="true")
+    panel.subdomain(shop, "news", ssl="true", same_ssl="true")
+    panel.forwarding("moved.test", "http://elsewhere.test/", ip=ADDRESS)
+    panel.component("kiv-imp")
+    panel.apache("2.0.54")
+    assert panel.run("-a", "-v", "-w").status == 0
+    assert "TraceEnable" not in panel.server_file()
+    assert panel.run("-p").status == 0
+    for host in ("shop.test", "news.shop.test", "moved.test", "unknown.test", "webmail.test", "lists.test"):
+        assert apache.ask(ADDRESS, host, method="TRACE").status == 403, host
+    for host in ("shop.test", "news.shop.test", "unknown.test"):
+        assert apache.ask(ADDRESS, host, method="TRACE", tls=True).status == 403, host
+    assert apache.serves("the shop", "shop.test")
+    assert apache.serves("the default host", "unknown.test")
+    assert apache.redirects("http://elsewhere.test/", "moved.test")
+
+    example = tmp_path / "without-rewrite.conf"
+    example.write_text(re.sub("(?m)^LoadModule rewrite_module .*\n", "", real_server.EXAMPLE.read_text()))
+    real_server.write_main_file(example)
+    assert panel.run("-r").status == 0
+    assert apache.ask(ADDRESS, "shop.test", method="TRACE").status == 200
