@@ -1,6 +1,6 @@
 """What a run must leave behind and say, worked out from a panel's rows and surroundings, independently of the program.
 
-Run(rows, ...) stands for the machine before the run; perform(run, argv) changes its `files`, `directories`,
+Run(rows, ...) stands for the machine before the run; perform(run, operation, value) changes its `files`, `directories`,
 `messages` and `status` into what the program has to make of them. The text of the files is in expected_domain.py,
 expected_server.py and expected_text.py, what the queries find in panel_rows.py. Whoever changes what the program
 writes changes it here as well, by hand.
@@ -190,22 +190,36 @@ def domain_or_server(run, name):
         server_file(run)
 
 
+# What each operation does, and the options it takes besides: the first with the domain or address it is for.
 OPERATIONS = {
-    "--reconfigure-all": every_domain,
-    "--install-vhost": domain_and_server,
-    "--set-default-domain": domain_and_server,
-    "--reconfigure-vhost": domain_or_server,
-    "--remove-vhost": removed_domain,
-    "--set-certificate": address,
-    "--update-protection": one_domain,
-    "--add-ip-address": only_server,
+    "--reconfigure-all": (every_domain, ()),
+    "--install-vhost": (domain_and_server, ("--vhost-name",)),
+    "--set-default-domain": (domain_and_server, ("--vhost-name", "--ip-address")),
+    "--reconfigure-vhost": (domain_or_server, ("--vhost-name",)),
+    "--remove-vhost": (removed_domain, ("--vhost-name",)),
+    "--set-certificate": (address, ("--ip-address",)),
+    "--add-protection": (one_domain, ("--vhost-name", "--directory")),
+    "--update-protection": (one_domain, ("--vhost-name",)),
+    "--remove-protections": (one_domain, ("--vhost-name",)),
+    "--add-web-user": (one_domain, ("--vhost-name", "--web-user")),
+    "--update-web-user": (one_domain, ("--vhost-name", "--web-user")),
+    "--remove-web-users": (one_domain, ("--vhost-name",)),
+    "--reset-default-domain": (only_server, ("--ip-address",)),
+    "--add-ip-address": (only_server, ("--ip-address",)),
+    "--remove-ip-address": (only_server, ("--ip-address",)),
+    "--change-admin-email": (only_server, ("--email",)),
 }
+
+
+def command_line(operation, value):
+    options = OPERATIONS[operation][1]
+    return [operation, *(f"{option}={value if option == options[0] else 'x'}" for option in options), "-w", "-v"]
 
 
 def perform(run, operation, value):
     """Does to `run` what the operation does to the machine; `value` is the domain or address it is for."""
     try:
-        OPERATIONS[operation](run, value)
+        OPERATIONS[operation][0](run, value)
     except Ended:
         pass
     return run

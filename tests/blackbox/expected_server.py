@@ -120,7 +120,7 @@ class ServerFile:
     def _forwarded(self, default):
         out = ""
         for dom_id, name, email, target, address, htype in self.rows.forwarded(default):
-            target = self._url(target)
+            target = self._url(target or "")
             name = self.directory(name)
             if name is not None and htype is not None and htype[:7] in ("std_fwd", "frm_fwd"):
                 out += self._forwarding_host(htype[:7], dom_id, name, email, target, address)

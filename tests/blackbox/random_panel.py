@@ -8,10 +8,12 @@ Names of domains and subdomains that lead elsewhere as a part of a path have a s
 they take whole hosts out of the files.
 """
 
+import errno
 import os
 import random
 import shutil
 
+from expected_run import OPERATIONS
 from expected_server import NotConvertible, to_ascii
 from panel import (AWSTATS_DOC_D, HTTPD_INCLUDE_D, HTTPD_VHOSTS_D, KIVCLN_GID, SERVER_FILE, WORKERS_FILE, WWWRUN_UID)
 
@@ -22,6 +24,7 @@ HOSTILE_LABELS = ("..", "", ".", "../../victim.test", "a/b", "it's", 'a"b', "a\\
 # With no quote, backslash, slash or control character.
 ODD_LABELS = ("bücher", "Straße", "例え", "ÑANDÚ", "UPPER", "under_score", "a b", "50%s", "%n%d", "*", "$(id)", "a;b", "<x>",
               "~", "xn--bcher-kva", "-", "a&b", "b" * 63)
+TOO_LONG_FOR_A_DIRECTORY = ".".join(["é" * 30] * 5)
 UNCONVERTIBLE = ("c" * 64 + ".test", "two..dots.test", "xn--ü.test")
 
 ODD_FLAGS = (None, "", "trueish", "true ", "TRUE", "True", "tru", " true", "1", "on", "trüe", "false", "false true")
@@ -30,15 +33,15 @@ ODD_TEXTS = (None, "", "x", "it's", 'a "quoted" text', "back\\slash\\", "ü ñ �
 
 REDIRECTS = ("http://shop.test/", "https://secure.test/path?a=b", "ftp://files.test", "plain.test/path",
              "http://user@host.test:8080/x", "http://xn--bcher-kva.example/", "deep.test/a/b#c")
-ODD_REDIRECTS = ("HTTP://SHOP.test", "http://user@bücher.example/path?q=1", "bücher.example:8080/x", "", "/", "http://",
+ODD_REDIRECTS = ("HTTP://SHOP.test", "Https://Shop.test/", "FTP://x", "http://user@bücher.example/path?q=1", "bücher.example:8080/x", "", "/", "http://",
                  "http:///x", "@", "a@", "a@b@c.test", ":80", "d" * 64, "http://" + "e" * 64 + "/x", "a\nb", 'q"q', "it's",
-                 "http://h.test/a@b", "https:x", "ftp://ü", "http://" + "f" * 1000, "x..y", "//z", "例え.test/ü")
+                 "http://h.test/a@b", "https:x", None, "ftp://ü", "http://" + "f" * 1000, "x..y", "//z", "例え.test/ü")
 
 PATHS = ("private", "/private", "/private/area", "docs/", "quarry-stat", "/quarry-stat/logs", "a b", "/", "old.html")
 ODD_PATHS = ("", "//", "a//b", "/quarry-stat/", "quarry-statistics", "/quarry-statx/y", "quarry-stat/ü", "..", "../x", "*",
              "a@b", "üñ", 'q"q', "it's", "b\\c", "%s", "line\nend", "g" * 1000, "例/" * 80)
 
-VERSIONS = ("2.2.3", "2.0.54", "2.0.55", "2.2.15", "2.0.40", "2.2.0", "2.0.65", "2.0.0", "2.2.54")
+VERSIONS = ("2.2.3", "2.0.54", "2.0.55", "2.2.15", "2.0.40", "2.2.0", "2.0.65", "2.0.0", "2.0.100", "2.2.54")
 
 HOSTING_FLAGS = ("ssl", "same_ssl", "ssi", "php", "php_safe_mode", "cgi", "perl", "asp", "python", "fastcgi", "miva",
                  "coldfusion", "fp", "fp_ssl")
@@ -133,15 +136,15 @@ class RandomPanel:
         return "0" if self.chance(0.9) else self.random.choice(("1", "2", "16", "66"))
 
     def label(self):
-        if self.odd():
+        if self.odd() or self.rarely(0.1):
             return self.random.choice(ODD_LABELS)
         letters = "abcdefghijklmnopqrstuvwxyz0123456789"
         return self.random.choice(letters[:26]) + "".join(
             self.random.choice(letters + "-") for _ in range(self.random.randint(0, 10))) + "x"
 
     def host_name(self):
-        if self.rarely(0.002):
-            return self.random.choice(UNCONVERTIBLE)
+        if self.rarely(0.005):
+            return self.random.choice(UNCONVERTIBLE + (TOO_LONG_FOR_A_DIRECTORY,))
         return f"{self.label()}.{self.random.choice(('test', 'example', 'Example.Test', 'co.test'))}"
 
     def domain_name(self):
@@ -221,7 +224,7 @@ class RandomPanel:
             self._hosting(dom_id)
         if forwarded and not self.rarely(0.03) or self.rarely(0.1):
             self.add("forwarding", dom_id=dom_id, ip_address_id=self.id_of("IP_Addresses"), redirect=self.random.choice(
-                ODD_REDIRECTS if self.odd() else REDIRECTS))
+                ODD_REDIRECTS if self.odd() or self.rarely(0.3) else REDIRECTS))
         for _ in range(self.size(0, 0, 1, 2, 4)):
             self.add("domainaliases", dom_id=dom_id, name=self.text(self.host_name(), self.host_name(), null=False),
                      status=self.status(), web=self.random.choice(("true", "true", "false", self.flag(null=False))))
@@ -254,7 +257,7 @@ class RandomPanel:
     def _subdomains(self, dom_id, name):
         for _ in range(self.size(0, 0, 0, 1, 1, 2, 3)):
             label = self.label() if not self.chance(0.1) else self.random.choice(("www", "WWW", "www "))
-            if self.hostile_names and self.chance(0.1):
+            if self.hostile_names and self.chance(0.3):
                 label = self.random.choice(HOSTILE_LABELS)
             if self.sane:
                 label = label.strip() + str(len(self.tables["subdomains"]))
@@ -280,7 +283,8 @@ class RandomPanel:
                 path = "p" * (247 - len(self.random.choice(("httpdocs/", "httpsdocs/", "cgi-bin/"))) + self.size(0, 1))
             if self.sane:
                 path = path.replace(" ", "-").strip("/")[:100]
-            self.add("protected_dirs", dom_id=dom_id, realm=self.text("Members", "Only for us"), path=path,
+            realm = self.text("Members", "Only for us") if not self.rarely(0.1) else self.random.choice((None, ""))
+            self.add("protected_dirs", dom_id=dom_id, realm=realm, path=path,
                      **{kind: self.flag(null=False) for kind in ("non_ssl", "ssl", "cgi_bin")})
 
     def _parameters(self, dom_id):
@@ -343,7 +347,6 @@ class RandomPanel:
         self.setting("cf_instance_path", "/opt/cf", "/opt/coldfusion", odd=("/", "", None, "a b", "ü/", "c" * 4000))
         self.setting("cf_instance_port", "2920", "", odd=ODD_TEXTS)
         self.setting("restart_apache_interval", "5", "900")
-        self.tables["misc"] = [row for row in self.tables["misc"]]
         if self.chance(0.8):
             self.tables["misc"].append({"param": "mysql41_compatible", "val": self.random.choice(
                 ("true", "true", "true", "false", "False", "", None, "0"))})
@@ -367,7 +370,7 @@ class RandomPanel:
 
     def _own_directories(self, name):
         root = f"{HTTPD_VHOSTS_D}/{name}"
-        if self.rarely(0.01):
+        if self.rarely(0.03):
             return
         conf = f"{root}/conf"
         self.directories[conf] = 0o755
@@ -416,14 +419,13 @@ class RandomPanel:
             self.file(f"{SERVER_FILE}.new", "# of a run that was interrupted\n")
 
     def single_operations(self):
-        """Some operations on one domain or address, for after a rebuild."""
+        """Some operations other than a rebuild, each with the domain or address it is for."""
         names = [row["name"] for row in self.tables["domains"]] + ["unknown.test"]
         addresses = [row["ip_address"] for row in self.tables["IP_Addresses"]] + ["203.0.113.1"]
         chosen = []
-        for operation in self.random.choices(("--install-vhost", "--reconfigure-vhost", "--remove-vhost",
-                                              "--set-certificate", "--set-default-domain", "--update-protection",
-                                              "--add-ip-address"), weights=(4, 4, 3, 4, 1, 1, 1), k=3):
-            value = self.random.choice(addresses if operation in ("--set-certificate", "--add-ip-address") else names)
+        for operation in (*self.random.choices(("--install-vhost", "--reconfigure-vhost", "--remove-vhost",
+                                                "--set-certificate"), k=3), self.random.choice(list(OPERATIONS))):
+            value = self.random.choice(addresses if "ip-address" in OPERATIONS[operation][1] else names)
             if operation == "--install-vhost" and self.rarely(0.1):
                 value = value.upper()
             # Where a name goes into a statement as it is, quotes end the run by themselves.
@@ -448,19 +450,28 @@ class Filler:
         self._clear()
         self._rows(made.tables)
         for path, mode in made.directories.items():
-            os.makedirs(path, exist_ok=True)
-            os.chmod(path, mode)
+            if self._make_directory(path):
+                os.chmod(path, mode)
         for path, text in made.files.items():
-            os.makedirs(os.path.dirname(path), exist_ok=True)
-            if not os.path.isdir(path):
+            if self._make_directory(os.path.dirname(path)) and not os.path.isdir(path):
                 with open(path, "w", encoding="utf-8") as file:
                     file.write(text)
         for path, target in made.links.items():
-            os.makedirs(os.path.dirname(path), exist_ok=True)
-            if not os.path.lexists(path):
+            if self._make_directory(os.path.dirname(path)) and not os.path.lexists(path):
                 os.symlink(target, path)
         self.panel.apache(made.apache)
         return self._accounts(made)
+
+    @staticmethod
+    def _make_directory(path):
+        """Whether there is such a directory now; not where a name is too long for one."""
+        try:
+            os.makedirs(path, exist_ok=True)
+        except OSError as failure:
+            if failure.errno != errno.ENAMETOOLONG:
+                raise
+            return False
+        return True
 
     def _clear(self):
         for directory in (HTTPD_VHOSTS_D, HTTPD_INCLUDE_D):
@@ -500,5 +511,4 @@ class Filler:
 
 
 def _ids(lines):
-    return {line.split(":")[0]: int(line.split(":")[2]) for line in reversed(lines) if line.count(":") > 2
-            or line.count(":") == 3}
+    return {line.split(":")[0]: int(line.split(":")[2]) for line in reversed(lines) if line.count(":") >= 3}
