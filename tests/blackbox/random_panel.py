@@ -15,6 +15,7 @@ import shutil
 
 from expected_run import OPERATIONS
 from expected_server import NotConvertible, to_ascii
+from expected_text import leads_elsewhere
 from panel import (AWSTATS_DOC_D, HTTPD_INCLUDE_D, HTTPD_VHOSTS_D, KIVCLN_GID, SERVER_FILE, WORKERS_FILE, WWWRUN_UID)
 
 HOSTILE_NAMES = ("o'brien.test", 'say"hi".test', "back\\slash.test", "sl/ash.test", "a/../b.test", "line\nend.test", ".",
@@ -33,7 +34,7 @@ ODD_TEXTS = (None, "", "x", "it's", 'a "quoted" text', "back\\slash\\", "ü ñ �
 
 REDIRECTS = ("http://shop.test/", "https://secure.test/path?a=b", "ftp://files.test", "plain.test/path",
              "http://user@host.test:8080/x", "http://xn--bcher-kva.example/", "deep.test/a/b#c")
-ODD_REDIRECTS = ("HTTP://SHOP.test", "Https://Shop.test/", "FTP://x", "http://user@bücher.example/path?q=1", "bücher.example:8080/x", "", "/", "http://",
+ODD_REDIRECTS = ("HTTP://SHOP.test", "HTTP://SHOP.test", "Https://Shop.test/", "FTP://x", "http://user@bücher.example/path?q=1", "bücher.example:8080/x", "", "/", "http://",
                  "http:///x", "@", "a@", "a@b@c.test", ":80", "d" * 64, "http://" + "e" * 64 + "/x", "a\nb", 'q"q', "it's",
                  "http://h.test/a@b", "https:x", None, "ftp://ü", "http://" + "f" * 1000, "x..y", "//z", "例え.test/ü")
 
@@ -269,7 +270,8 @@ class RandomPanel:
                                                      ("native", NOWHERE)))
             self.add("subdomains", dom_id=dom_id, name=label, sys_user_type=kind, sys_user_id=user,
                      **self.flags(SUBDOMAIN_FLAGS))
-            self._subdomain_directories(f"{HTTPD_VHOSTS_D}/{name}/subdomains/{label}")
+            if not leads_elsewhere(name) and not leads_elsewhere(label):
+                self._subdomain_directories(f"{HTTPD_VHOSTS_D}/{name}/subdomains/{label}")
 
     def _web_users(self, dom_id):
         for _ in range(self.size(0, 0, 1, 2)):
@@ -370,7 +372,7 @@ class RandomPanel:
 
     def _own_directories(self, name):
         root = f"{HTTPD_VHOSTS_D}/{name}"
-        if self.rarely(0.03):
+        if leads_elsewhere(name) or self.rarely(0.03):
             return
         conf = f"{root}/conf"
         self.directories[conf] = 0o755
@@ -391,7 +393,7 @@ class RandomPanel:
             ascii_name = to_ascii(name)
         except NotConvertible:
             return
-        if ascii_name != name and self.chance(0.5):
+        if ascii_name != name and not leads_elsewhere(ascii_name) and self.chance(0.5):
             self.file(f"{HTTPD_VHOSTS_D}/{ascii_name}/conf/httpd.include", "# by another name\n")
 
     def _custom(self, conf):

