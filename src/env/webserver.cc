@@ -31,19 +31,6 @@ bool is_executable(const char *path) {
   return stat(path, &status) == 0 && (status.st_mode & 0111) != 0;
 }
 
-const char *find_executable(const char *product_apache) {
-  const char *const candidates[] = {
-      product_apache,    "/usr/sbin/httpd2", "/usr/sbin/apache2",     "/usr/sbin/httpd2-prefork",
-      "/usr/sbin/httpd", "/usr/sbin/apache", "/usr/local/sbin/httpd",
-  };
-  for (const char *candidate : candidates) {
-    if (is_executable(candidate))
-      return candidate;
-    errno = 0; // the final message must not blame one candidate
-  }
-  end_run("get_apache_path: apache executable not found");
-}
-
 // The text behind `prefix`, or null when the line does not begin with it.
 const char *after_prefix(const char *line, const char *prefix) {
   const std::size_t length = std::strlen(prefix);
@@ -94,9 +81,22 @@ struct close_pipe {
 
 } // namespace
 
+const char *apache_executable() {
+  static const unique_text product_apache = xasprintf("%s/apache/bin/httpd", PRODUCT_ROOT_D);
+  const char *const candidates[] = {
+      product_apache.get(), "/usr/sbin/httpd2", "/usr/sbin/apache2",     "/usr/sbin/httpd2-prefork",
+      "/usr/sbin/httpd",    "/usr/sbin/apache", "/usr/local/sbin/httpd",
+  };
+  for (const char *candidate : candidates) {
+    if (is_executable(candidate))
+      return candidate;
+    errno = 0; // the final message must not blame one candidate
+  }
+  end_run("get_apache_path: apache executable not found");
+}
+
 void get_apache_path(char **magic, int *version, int *minor) {
-  const unique_text product_apache = xasprintf("%s/apache/bin/httpd", PRODUCT_ROOT_D);
-  const char *path = find_executable(product_apache.get());
+  const char *path = apache_executable();
   unique_text output;
   if (util_exec_capture(output, path, "-V", static_cast<char *>(nullptr)) != 0)
     end_run("get_apache_path: '%s -V' failed", path);

@@ -6,6 +6,9 @@ extern int apache_version; // 20 for Apache 2.0, 22 for 2.2; 0 until discovered
 extern int apache_minor;   // the patch level: 3 for 2.2.3
 extern int Apache2;        // 1; the forms for Apache 1.3 are kept, but nothing chooses them
 
+// Path of the Apache executable, static text. Ends the run when there is none.
+const char *apache_executable();
+
 // Finds the Apache executable, asks it for its build information and fills the three (`magic` with a new string for
 // the life of the process). Ends the run when there is no Apache 2.0 or 2.2.
 void get_apache_path(char **magic, int *version, int *minor);

@@ -1,0 +1,138 @@
+#include "check/tree.h"
+
+#include "check/files.h"
+#include "env/config.h"
+#include "fs/handles.h"
+#include "fs/text.h"
+#include "fs/tree.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <fcntl.h>
+#include <set>
+
+namespace {
+
+constexpr char DOMAIN_FILE[] = "httpd.include";
+constexpr char SERVER_FILE[] = "zz010_kiv_httpd.conf";
+
+using directory_id = std::pair<dev_t, ino_t>;
+
+struct tree_scan {
+  const site_list &sites;
+  MYSQL *db;
+  std::vector<tree_suspect> &suspects;
+  std::string &failure;
+  std::set<directory_id> active_directories{}; // filled when first needed
+};
+
+std::vector<std::string> entries_of(const std::string &directory) {
+  std::vector<std::string> names;
+  const unique_dir stream(opendir(directory.c_str()));
+  while (const dirent *entry = stream ? readdir(stream.get()) : nullptr)
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names.emplace_back(entry->d_name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void suspect(tree_scan &scan, kind what, const std::string &name, const std::string &path,
+             const std::string &message) {
+  tree_suspect found{.what = what, .name = name, .path = path, .message = message, .status = {}};
+  if (lstat(path.c_str(), &found.status) == 0)
+    scan.suspects.push_back(std::move(found));
+}
+
+bool is_random_suffix(const std::string &suffix) {
+  return suffix.size() == 6 &&
+         std::all_of(suffix.begin(), suffix.end(), [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
+// "<file>.new" or "<file>.XXXXXX".
+bool is_work_file(const std::string &entry, const std::string &file) {
+  if (entry.compare(0, file.size() + 1, file + ".") != 0)
+    return false;
+  const std::string suffix = entry.substr(file.size() + 1);
+  return suffix == "new" || is_random_suffix(suffix);
+}
+
+void scan_work_files(tree_scan &scan, const std::string &name, const std::string &directory,
+                     const char *file) {
+  for (const std::string &entry : entries_of(directory))
+    if (is_work_file(entry, file))
+      suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted");
+}
+
+std::string directory_of(const std::string &name) {
+  return std::string(HTTPD_VHOSTS_D) + "/" + name;
+}
+
+bool identify(const std::string &directory, directory_id &id) {
+  struct stat status;
+  if (stat(directory.c_str(), &status) != 0)
+    return false;
+  id = {status.st_dev, status.st_ino};
+  return true;
+}
+
+// A site may lie under another name, its ASCII form or a link.
+bool is_directory_of_active_site(tree_scan &scan, const std::string &directory) {
+  directory_id id;
+  if (scan.active_directories.empty())
+    for (const std::string &name : scan.sites.names)
+      if (identify(directory_of(name), id))
+        scan.active_directories.insert(id);
+  return identify(directory, id) && scan.active_directories.count(id) != 0;
+}
+
+bool scan_subdomains(tree_scan &scan, const std::string &name, bool has_file) {
+  const std::string subdomains = directory_of(name) + "/subdomains";
+  std::unordered_set<std::string> labels;
+  bool asked = false;
+  bool known = false;
+  for (const std::string &label : entries_of(subdomains)) {
+    const std::string conf = subdomains + "/" + label + "/conf";
+    if (!is_directory(conf.c_str()))
+      continue;
+    if (!asked && !read_subdomains(scan.db, name, labels, known, scan.failure))
+      return false;
+    asked = true;
+    if ((known || has_file) && labels.count(label) == 0)
+      suspect(scan, kind::orphan, name, conf, "no subdomain " + label + " in the database");
+  }
+  return true;
+}
+
+bool scan_site(tree_scan &scan, const std::string &name) {
+  const std::string directory = directory_of(name);
+  const std::string file = directory + "/conf/" + DOMAIN_FILE;
+  const bool is_active = scan.sites.active.count(name) != 0;
+  if (!is_active && is_directory_of_active_site(scan, directory))
+    return true; // looked at under its own name
+  struct stat status;
+  const bool has_file = lstat(file.c_str(), &status) == 0;
+  if (has_file && !is_active)
+    suspect(scan, kind::orphan, name, file, "no active domain in the database");
+  scan_work_files(scan, name, directory + "/conf", DOMAIN_FILE);
+  return scan_subdomains(scan, name, has_file);
+}
+
+} // namespace
+
+bool scan_tree(const site_list &sites, const std::vector<std::string> &only, MYSQL *db,
+               std::vector<tree_suspect> &suspects, std::string &failure) {
+  tree_scan scan{.sites = sites, .db = db, .suspects = suspects, .failure = failure};
+  for (const std::string &name : only.empty() ? entries_of(HTTPD_VHOSTS_D) : only)
+    if (!scan_site(scan, name))
+      return false;
+  scan_work_files(scan, SERVER_NAME, HTTPD_INCLUDE_D, SERVER_FILE);
+  return true;
+}
+
+bool is_unchanged(const tree_suspect &suspect) {
+  struct stat now;
+  return lstat(suspect.path.c_str(), &now) == 0 && now.st_dev == suspect.status.st_dev &&
+         now.st_ino == suspect.status.st_ino && now.st_ctim.tv_sec == suspect.status.st_ctim.tv_sec &&
+         now.st_ctim.tv_nsec == suspect.status.st_ctim.tv_nsec;
+}

@@ -1,0 +1,187 @@
+#include "check/view.h"
+
+#include "env/config.h"
+#include "fs/handles.h"
+#include "fs/text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+// Of the calling process.
+struct view_state {
+  unique_fd scratch; // memory that takes what is written
+  unsigned covers = 0;
+  std::vector<std::string> covered;      // real paths
+  std::vector<std::string> mount_points; // of the live machine
+};
+view_state view;
+
+bool is_below(const std::string &path, const std::string &directory) {
+  return path.size() > directory.size() && path[directory.size()] == '/' &&
+         path.compare(0, directory.size(), directory) == 0;
+}
+
+bool is_covered(const std::string &path) {
+  return std::any_of(view.covered.begin(), view.covered.end(), [&](const std::string &directory) {
+    return path == directory || is_below(path, directory);
+  });
+}
+
+// The path without links; "" when it leads nowhere.
+std::string real_path(const char *path) {
+  const unique_text resolved(realpath(path, nullptr));
+  return resolved ? resolved.get() : "";
+}
+
+// Paths in mountinfo have blanks, line ends and backslashes as \040 and the like.
+std::string unescape_mount_point(const char *field) {
+  std::string path;
+  for (const char *c = field; *c != '\0'; ++c) {
+    if (c[0] == '\\' && c[1] != '\0' && c[2] != '\0' && c[3] != '\0') {
+      path += static_cast<char>((c[1] - '0') * 64 + (c[2] - '0') * 8 + (c[3] - '0'));
+      c += 3;
+    } else {
+      path += *c;
+    }
+  }
+  return path;
+}
+
+struct free_line {
+  char *text = nullptr;
+  std::size_t size = 0;
+  ~free_line() { std::free(text); }
+};
+
+bool read_mount_points() {
+  const unique_file mounts(std::fopen("/proc/self/mountinfo", "re"));
+  if (!mounts)
+    return false;
+  free_line line;
+  while (getline(&line.text, &line.size, mounts.get()) >= 0) {
+    char *rest = line.text;
+    const char *field = nullptr;
+    for (int i = 0; i < 5; ++i)
+      field = strsep(&rest, " ");
+    if (field != nullptr)
+      view.mount_points.push_back(unescape_mount_point(field));
+  }
+  std::sort(view.mount_points.begin(), view.mount_points.end());
+  view.mount_points.erase(std::unique(view.mount_points.begin(), view.mount_points.end()),
+                          view.mount_points.end());
+  return true;
+}
+
+int set_read_only(const char *path, unsigned flags) {
+  mount_attr attributes = {};
+  attributes.attr_set = MOUNT_ATTR_RDONLY;
+  return mount_setattr(AT_FDCWD, path, flags, &attributes, sizeof attributes);
+}
+
+// The live directory `fd` with a fresh layer above it, in its own place.
+bool mount_overlay(int fd, const char *path) {
+  const bounded_text upper("%uu", view.covers);
+  const bounded_text work("%uw", view.covers);
+  ++view.covers;
+  struct stat status;
+  if (fstat(fd, &status) != 0 || mkdirat(view.scratch.fd, upper.c_str(), 0755) != 0 ||
+      mkdirat(view.scratch.fd, work.c_str(), 0700) != 0)
+    return false;
+  if (fchmodat(view.scratch.fd, upper.c_str(), status.st_mode & 07777, 0) != 0 ||
+      fchownat(view.scratch.fd, upper.c_str(), status.st_uid, status.st_gid, 0) != 0)
+    return false;
+  const bounded_text layers(
+      "lowerdir=/proc/self/fd/%d,upperdir=/proc/self/fd/%d/%s,workdir=/proc/self/fd/%d/%s", fd,
+      view.scratch.fd, upper.c_str(), view.scratch.fd, work.c_str());
+  return mount("halyard-check", path, "overlay", MS_NOSUID | MS_NODEV, layers.c_str()) == 0;
+}
+
+// A file that is a mount of its own stays what it is, but cannot be written.
+bool bind_file(int fd, const char *path) {
+  return mount(bounded_text("/proc/self/fd/%d", fd).c_str(), path, nullptr, MS_BIND, nullptr) == 0 &&
+         set_read_only(path, 0) == 0;
+}
+
+// The lower layer of an overlay ends where another file system is mounted, so each such place gets its own.
+bool cover_mounts_below(int top, const std::string &directory) {
+  for (const std::string &point : view.mount_points) {
+    if (!is_below(point, directory))
+      continue;
+    const unique_fd fd(openat(top, point.c_str() + directory.size() + 1, O_PATH | O_CLOEXEC));
+    struct stat status;
+    if (fd.fd < 0 || fstat(fd.fd, &status) != 0)
+      continue; // hidden by another mount
+    if (!(S_ISDIR(status.st_mode) ? mount_overlay(fd.fd, point.c_str()) : bind_file(fd.fd, point.c_str())))
+      return false;
+  }
+  return true;
+}
+
+bool cover(const std::string &directory) {
+  const unique_fd top(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (top.fd < 0)
+    return false;
+  if (view.scratch.fd < 0) {
+    // Out of sight below the first overlay.
+    if (mount("halyard-check", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700") != 0)
+      return false;
+    view.scratch.reset(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  }
+  if (view.scratch.fd < 0 || !mount_overlay(top.fd, directory.c_str()) ||
+      !cover_mounts_below(top.fd, directory))
+    return false;
+  view.covered.push_back(directory);
+  return true;
+}
+
+// The directories that generators write to, outer ones first.
+std::vector<std::string> written_directories() {
+  std::vector<std::string> directories;
+  for (const char *name : {HTTPD_VHOSTS_D, HTTPD_INCLUDE_D, HTTPD_CONF_D}) {
+    std::string path = real_path(name);
+    if (!path.empty())
+      directories.push_back(std::move(path));
+  }
+  std::sort(directories.begin(), directories.end());
+  return directories;
+}
+
+bool refused(std::string &reason, const char *step) {
+  reason = bounded_text("%s: %s", step, std::strerror(errno)).c_str();
+  return false;
+}
+
+} // namespace
+
+bool enter_view(std::string &reason) {
+  if (unshare(CLONE_NEWNS) != 0)
+    return refused(reason, "no private mount namespace");
+  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return refused(reason, "no private mounts");
+  if (!read_mount_points())
+    return refused(reason, "/proc/self/mountinfo");
+  if (set_read_only("/", AT_RECURSIVE) != 0)
+    return refused(reason, "no read-only mounts");
+  for (const std::string &directory : written_directories())
+    if (!is_covered(directory) && !cover(directory))
+      return refused(reason, bounded_text("no overlay over %s", directory.c_str()).c_str());
+  return true;
+}
+
+void include_domain_in_view(const char *domain) {
+  for (const char *part : {"", "/conf"}) {
+    const std::string path = real_path(bounded_text("%s/%s%s", HTTPD_VHOSTS_D, domain, part).c_str());
+    if (!path.empty() && !is_covered(path))
+      static_cast<void>(cover(path));
+  }
+}
