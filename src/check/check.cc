@@ -10,7 +10,6 @@
 #include "check/tree.h"
 #include "check/values.h"
 #include "db/connection.h"
-#include "db/get_param.h"
 #include "db/query.h"
 #include "env/config.h"
 #include "env/webserver.h"
@@ -95,9 +94,11 @@ bool read_panel(check_run &run) {
     run.failure = message;
     return false;
   }
-  pipelog = is_flag_set(get_misc_param("apache_pipelog", db.get())) ? 1 : 0;
-  if (!find_named_domains(run, db.get()) || !read_sites(db.get(), run.sites, run.failure))
+  std::string setting;
+  if (!read_setting(db.get(), "apache_pipelog", setting, run.failure) || !find_named_domains(run, db.get()) ||
+      !read_sites(db.get(), run.sites, run.failure))
     return false;
+  pipelog = is_flag_set(setting.c_str()) ? 1 : 0;
   choose_domains(run);
   return true;
 }

@@ -129,7 +129,7 @@ drift_entry refusal(std::size_t index, const std::string &path, const generated_
           .index = index,
           .path = path,
           .message = blocked ? "a rebuild would end here: " + words_of(file, "without a word")
-                             : words_of(file, "no file was written"),
+                             : words_of(file, "a name that cannot be a part of a path is passed by"),
           .live_changed = live.changed};
 }
 

@@ -6,6 +6,7 @@
 #include "check/view.h"
 #include "db/connection.h"
 #include "env/config.h"
+#include "fs/names.h"
 #include "fs/text.h"
 #include "fs/tree.h"
 #include "gen/sequence.h"
@@ -85,6 +86,10 @@ void generate_in_child(child_line &line, const std::vector<std::string> &names, 
   send_answer(line, READY, "");
   for (; begin != end; ++begin) {
     const std::string &name = names[*begin];
+    if (!name.empty() && !is_plain_name(name.c_str())) {
+      send_answer(line, NOT_WRITTEN, ""); // a rebuild passes by it
+      continue;
+    }
     const bounded_text path = include_file_of(name);
     include_domain_in_view(name.c_str());
     const file_identity before(path.c_str());

@@ -44,6 +44,14 @@ bool is_number(const char *text) {
 
 } // namespace
 
+bool read_setting(MYSQL *db, const char *param, std::string &value, std::string &failure) {
+  const bounded_text query("select val from misc where param='%s'", param);
+  const unique_result result = select(db, query.c_str(), failure);
+  MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
+  value = row != nullptr ? text_or_empty(row[0]) : "";
+  return result != nullptr;
+}
+
 bool read_sites(MYSQL *db, site_list &sites, std::string &failure) {
   const unique_result result = select(db,
                                       "select d.name from domains d, hosting h "

@@ -13,6 +13,9 @@ struct site_list {
   std::unordered_set<std::string> active;
 };
 
+// A setting of the whole panel, "" when there is none.
+bool read_setting(MYSQL *db, const char *param, std::string &value, std::string &failure);
+
 // Reads the list.
 bool read_sites(MYSQL *db, site_list &sites, std::string &failure);
 

@@ -104,21 +104,32 @@ std::size_t own_limit() {
   return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
 }
 
-// -t with what the running server was told to define: sections of the configuration depend on it. Its other options
+// The program of the running server, which will read the configuration; "" when it is none that can be asked.
+std::string program_of(const std::string &pid) {
+  char path[TEXT_SIZE];
+  const ssize_t length = readlink(bounded_text("/proc/%s/exe", pid.c_str()).c_str(), path, sizeof path);
+  const std::string program(path, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+  return has_server_name(base_name(program)) && access(program.c_str(), X_OK) == 0 ? program : "";
+}
+
+// -t with what the running server was told to define, as sections of the configuration depend on it. Its other options
 // could come from anywhere.
-std::vector<std::string> question_for(const char *path) {
+std::vector<std::string> question() {
+  const char *installed = apache_executable();
+  const std::string pid = find_server(installed);
+  const std::string running = pid.empty() ? "" : program_of(pid);
   const char *conf_file = apache_conf_file();
-  std::vector<std::string> question{path, "-t", "-f", bounded_text("%s/%s", HTTPD_CONF_D, conf_file).c_str()};
-  const std::string pid = find_server(path);
+  std::vector<std::string> words{running.empty() ? installed : running, "-t", "-f",
+                                 bounded_text("%s/%s", HTTPD_CONF_D, conf_file).c_str()};
   const std::vector<std::string> arguments = pid.empty() ? std::vector<std::string>{} : arguments_of(pid);
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     if (arguments[i].rfind("-D", 0) != 0)
       continue;
-    question.push_back(arguments[i]);
+    words.push_back(arguments[i]);
     if (arguments[i] == "-D" && i + 1 < arguments.size())
-      question.push_back(arguments[++i]);
+      words.push_back(arguments[++i]);
   }
-  return question;
+  return words;
 }
 
 [[noreturn]] void become_server(const std::vector<std::string> &arguments, int output) {
@@ -175,8 +186,8 @@ verdict judge(int status, const char *path, std::string &words) {
 } // namespace
 
 verdict try_configuration(std::string &words) {
-  const char *path = apache_executable();
-  const std::vector<std::string> arguments = question_for(path);
+  const std::vector<std::string> arguments = question();
+  const char *path = arguments[0].c_str();
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0)
     return verdict::not_tried;
