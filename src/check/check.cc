@@ -10,6 +10,7 @@
 #include "check/tree.h"
 #include "check/values.h"
 #include "db/connection.h"
+#include "db/get_param.h"
 #include "db/query.h"
 #include "env/config.h"
 #include "env/webserver.h"
