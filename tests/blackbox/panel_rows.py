@@ -72,7 +72,7 @@ class Rows:
 
     def __init__(self, tables, connections):
         self.tables = tables
-        self.by_id = {name: {row["id"]: row for row in rows} for name, rows in tables.items() if rows and "id" in rows[0]}
+        self.by_id = {name: {row["id"]: row for row in rows if "id" in row} for name, rows in tables.items()}
         self.hosting = {row["dom_id"]: row for row in tables["hosting"]}
         compatible = [row["val"] for row in tables["misc"] if collated(row["param"]) == "MYSQL41_COMPATIBLE"]
         is_utf8 = bool(compatible) and compatible[0] not in (None, "", "false")
@@ -81,11 +81,11 @@ class Rows:
 
     @staticmethod
     def same(stored, text):
-        """Whether a text column equals a text of the statement: by the column's collation, whatever the connection's."""
+        """Whether a text column equals a text of the statement: by its collation, whatever the connection's."""
         return stored is not None and collated(stored) == collated(text)
 
     def row(self, table, identity):
-        return self.by_id.get(table, {}).get(identity)
+        return self.by_id[table].get(identity)
 
     def of(self, table, dom_id):
         return [row for row in self.tables[table] if row["dom_id"] == dom_id]

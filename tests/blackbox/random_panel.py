@@ -1,48 +1,20 @@
 """Panels made by chance: rows of every table, files and accounts around them, and operations to run.
 
-RandomPanel(seed) is the same panel for the same seed. `fill` puts one into the database and on the disk, in place of
-the one before. A sane panel (sane=True) has values that a web server can load; the others mix in nulls, empty texts,
-flags that are nearly flags, quotes, control characters, UTF-8, long texts, rows that lead nowhere.
-
-Names of domains and subdomains that lead elsewhere as a part of a path have a switch of their own (hostile_names), since
-they take whole hosts out of the files.
+RandomPanel(seed) is the same panel for the same seed; panel_filler.py makes it real. A sane panel (sane=True) has
+values that a web server can load; the others mix in nulls, empty texts, flags that are nearly flags, quotes, control
+characters, UTF-8, long texts, rows that lead nowhere. Names of domains and subdomains that lead elsewhere as a part of
+a path have a switch of their own (hostile_names), since they take whole hosts out of the files.
 """
 
-import errno
-import os
 import random
-import shutil
 
 from expected_run import OPERATIONS
 from expected_server import NotConvertible, to_ascii
 from expected_text import leads_elsewhere
-from panel import (AWSTATS_DOC_D, HTTPD_INCLUDE_D, HTTPD_VHOSTS_D, KIVCLN_GID, SERVER_FILE, WORKERS_FILE, WWWRUN_UID)
-
-HOSTILE_NAMES = ("o'brien.test", 'say"hi".test', "back\\slash.test", "sl/ash.test", "a/../b.test", "line\nend.test", ".",
-                 "..", "", "x＇y.test", "wide／slash.test", "‥", "tab\there.test", "del\x7f.test")
-HOSTILE_LABELS = ("..", "", ".", "../../victim.test", "a/b", "it's", 'a"b', "a\\b", "a\nb", "\x7f")
-
-# With no quote, backslash, slash or control character.
-ODD_LABELS = ("bücher", "Straße", "例え", "ÑANDÚ", "UPPER", "under_score", "a b", "50%s", "%n%d", "*", "$(id)", "a;b", "<x>",
-              "~", "xn--bcher-kva", "-", "a&b", "b" * 63)
-TOO_LONG_FOR_A_DIRECTORY = ".".join(["é" * 30] * 5)
-UNCONVERTIBLE = ("c" * 64 + ".test", "two..dots.test", "xn--ü.test")
-
-ODD_FLAGS = (None, "", "trueish", "true ", "TRUE", "True", "tru", " true", "1", "on", "trüe", "false", "false true")
-ODD_TEXTS = (None, "", "x", "it's", 'a "quoted" text', "back\\slash\\", "ü ñ 例", "%s%n%d", "line\nend", "a\tb", "#", "<b>",
-             "y" * 250, " ", "$HOME ${x}", "\r", "＇＂＼", "true", "null")
-
-REDIRECTS = ("http://shop.test/", "https://secure.test/path?a=b", "ftp://files.test", "plain.test/path",
-             "http://user@host.test:8080/x", "http://xn--bcher-kva.example/", "deep.test/a/b#c")
-ODD_REDIRECTS = ("HTTP://SHOP.test", "HTTP://SHOP.test", "Https://Shop.test/", "FTP://x", "http://user@bücher.example/path?q=1", "bücher.example:8080/x", "", "/", "http://",
-                 "http:///x", "@", "a@", "a@b@c.test", ":80", "d" * 64, "http://" + "e" * 64 + "/x", "a\nb", 'q"q', "it's",
-                 "http://h.test/a@b", "https:x", None, "ftp://ü", "http://" + "f" * 1000, "x..y", "//z", "例え.test/ü")
-
-PATHS = ("private", "/private", "/private/area", "docs/", "quarry-stat", "/quarry-stat/logs", "a b", "/", "old.html")
-ODD_PATHS = ("", "//", "a//b", "/quarry-stat/", "quarry-statistics", "/quarry-statx/y", "quarry-stat/ü", "..", "../x", "*",
-             "a@b", "üñ", 'q"q', "it's", "b\\c", "%s", "line\nend", "g" * 1000, "例/" * 80)
-
-VERSIONS = ("2.2.3", "2.0.54", "2.0.55", "2.2.15", "2.0.40", "2.2.0", "2.0.65", "2.0.0", "2.0.100", "2.2.54")
+from panel import AWSTATS_DOC_D, HTTPD_VHOSTS_D, SERVER_FILE, WORKERS_FILE
+from random_values import (HOSTILE_LABELS, HOSTILE_NAMES, LIMITS, ODD_FLAGS, ODD_HOSTING_TYPES, ODD_LABELS, ODD_LIMITS,
+                           ODD_LOGINS, ODD_PATHS, ODD_REDIRECTS, ODD_TEXTS, PATHS, REDIRECTS, TOO_LONG_FOR_A_DIRECTORY,
+                           UNCONVERTIBLE, VERSIONS)
 
 HOSTING_FLAGS = ("ssl", "same_ssl", "ssi", "php", "php_safe_mode", "cgi", "perl", "asp", "python", "fastcgi", "miva",
                  "coldfusion", "fp", "fp_ssl")
@@ -164,8 +136,7 @@ class RandomPanel:
         """A login and, if wanted, its account."""
         login = f"web{len(self.tables['sys_users']) + 1}"
         if self.odd():
-            login = self.random.choice(("müller", "o'neil", "a b", 'q"q', "%s", "back\\slash", "x" * 64, "root", "", "ab:c",
-                                        "line\nend"))
+            login = self.random.choice(ODD_LOGINS)
         if with_account and login and not set(login) & set(":\n"):
             self.accounts.append(login)
         return login
@@ -215,7 +186,7 @@ class RandomPanel:
         name = self.domain_name()
         htype = self.random.choice(("vrt_hst",) * 7 + ("std_fwd", "frm_fwd", "none"))
         if self.odd() and self.chance(0.3):
-            htype = self.random.choice((None, "", "vrt", "VRT_HST", "vrt_hst ", "vrt_hst2", "std_fwd2", "STD_FWD", "frm_fw"))
+            htype = self.random.choice(ODD_HOSTING_TYPES)
         client = self.add("clients", email=self.text("owner@example.test", "a.b@c.test", "", None)) \
             if self.chance(0.7) else self.id_of("clients")
         dom_id = self.add("domains", name=name, htype=htype, status=self.status(), cl_id=client,
@@ -241,19 +212,19 @@ class RandomPanel:
             return None if self.chance(0.8) else NOWHERE
         zone = self.add("dns_zone")
         for _ in range(self.size(0, 1, 1, 2)):
-            host = self.random.choice((f"www.{name}.", f"{name}.", f"www.{name}.", f"WWW.{name}.", "www.", "wwwx"))[:255]
-            self.add("dns_recs", dns_zone_id=zone, type=self.random.choice(("A", "A", "CNAME", "MX", "a", "AAAA")), host=host)
+            host = self.random.choice((f"www.{name}.", f"www.{name}.", f"{name}.", f"WWW.{name}.", "www.", "wwwx"))
+            kind = self.random.choice(("A", "A", "CNAME", "MX", "a", "AAAA"))
+            self.add("dns_recs", dns_zone_id=zone, type=kind, host=host[:255])
         return zone
 
     def _hosting(self, dom_id):
-        limits = (None, "", "0", "1", "65536", "-1", "-7", "4294967296", "2147483648", "99999999999", "12abc", "abc", " 7",
-                  "+3", "9223372036854775807")
+        limits = LIMITS if self.sane else LIMITS + ODD_LIMITS
         self.add("hosting", dom_id=dom_id, sys_user_id=self.user() if not self.rarely(0.02) else NOWHERE,
                  ip_address_id=self.id_of("IP_Addresses"), **self.flags(HOSTING_FLAGS),
                  webstat=self.random.choice(("none", "webalizer", "awstats"))
                  if not self.odd() else self.random.choice((None, "", "none2", "None", "non")),
-                 traffic_bandwidth=self.random.choice(limits[:5] if self.sane else limits),
-                 max_connection=self.random.choice(limits[:5] if self.sane else limits))
+                 traffic_bandwidth=self.random.choice(limits),
+                 max_connection=self.random.choice(limits))
 
     def _subdomains(self, dom_id, name):
         for _ in range(self.size(0, 0, 0, 1, 1, 2, 3)):
@@ -301,8 +272,9 @@ class RandomPanel:
             service = self.add("DomainServices", dom_id=dom_id, type=self.random.choice(("tomcat", "tomcat", "other")),
                                status=self.random.choice(("0", "0", "0", "1")))
             if self.odd():
-                self.tables["DomainServices"][-1].update(type=self.random.choice(("tomcat", "Tomcat", "tomcat ")),
-                                                         status=self.random.choice(("", "00", "x", "-1", " 0", "16", "0x")))
+                self.tables["DomainServices"][-1].update(
+                    type=self.random.choice(("tomcat", "Tomcat", "tomcat ")),
+                    status=self.random.choice(("", "00", "x", "-1", " 0", "16", "0x")))
             for _ in range(self.size(0, 1, 1, 3)):
                 name = self.text("shop", "forum", "a/b", null=False)
                 if self.sane:
@@ -342,7 +314,8 @@ class RandomPanel:
         if not self.rarely(0.01):
             self.tables["misc"].append({"param": "FullHostName", "val": name})
         self.setting("admin_email", "admin@example.test", odd=ODD_TEXTS + ("m" * 5000, "ab"))
-        self.setting("apache_allowoverride_default", "All", "AuthConfig Limit", "None", odd=ODD_TEXTS + ("n" * 4094 + "üü",))
+        self.setting("apache_allowoverride_default", "All", "AuthConfig Limit", "None",
+                     odd=ODD_TEXTS + ("n" * 4094 + "üü",))
         self.setting("apache_pipelog", "true", "false", odd=ODD_FLAGS)
         self.setting("warp_connector_port", "8009", "9008", odd=ODD_TEXTS + ("8" * 5000,))
         self.setting("cf_instance_type", "server", "j2ee", odd=("s", "", None, "Server", "server ", "q" * 4095))
@@ -434,83 +407,3 @@ class RandomPanel:
             if value and (operation == "--install-vhost" or not set(value) & set("'\"\\＇＂＼")):
                 chosen.append((operation, value))
         return chosen
-
-
-class Filler:
-    """Puts one random panel after another into a panel."""
-
-    def __init__(self, panel):
-        self.panel = panel
-        self.filled = set(TABLES)
-        with open("/etc/passwd", encoding="utf-8") as passwd:
-            self.passwd = [line for line in passwd if not line.startswith("wwwrun:")]
-        with open("/etc/group", encoding="utf-8") as group:
-            self.group = [line for line in group if not line.startswith("kivcln:")]
-
-    def fill(self, made):
-        """Returns what user and group ids the names have."""
-        self._clear()
-        self._rows(made.tables)
-        for path, mode in made.directories.items():
-            if self._make_directory(path):
-                os.chmod(path, mode)
-        for path, text in made.files.items():
-            if self._make_directory(os.path.dirname(path)) and not os.path.isdir(path):
-                with open(path, "w", encoding="utf-8") as file:
-                    file.write(text)
-        for path, target in made.links.items():
-            if self._make_directory(os.path.dirname(path)) and not os.path.lexists(path):
-                os.symlink(target, path)
-        self.panel.apache(made.apache)
-        return self._accounts(made)
-
-    @staticmethod
-    def _make_directory(path):
-        """Whether there is such a directory now; not where a name is too long for one."""
-        try:
-            os.makedirs(path, exist_ok=True)
-        except OSError as failure:
-            if failure.errno != errno.ENAMETOOLONG:
-                raise
-            return False
-        return True
-
-    def _clear(self):
-        for directory in (HTTPD_VHOSTS_D, HTTPD_INCLUDE_D):
-            for entry in os.scandir(directory):
-                if entry.name == "default":
-                    continue
-                if entry.is_dir(follow_symlinks=False):
-                    shutil.rmtree(entry.path)
-                else:
-                    os.unlink(entry.path)
-        WORKERS_FILE.unlink(missing_ok=True)
-        shutil.rmtree(AWSTATS_DOC_D / "icon", ignore_errors=True)
-
-    def _rows(self, tables):
-        for table in self.filled:
-            self.panel.sql(f"TRUNCATE {table}")
-        self.filled = {table for table, rows in tables.items() if rows}
-        for table in self.filled:
-            rows = tables[table]
-            names = ", ".join(f"`{name}`" for name in rows[0])
-            marks = ", ".join(["(" + ", ".join(["%s"] * len(rows[0])) + ")"] * len(rows))
-            self.panel.sql(f"INSERT INTO {table} ({names}) VALUES {marks}",
-                           *(row[name] for row in rows for name in rows[0]))
-
-    def _accounts(self, made):
-        users, groups = list(self.passwd), list(self.group)
-        if made.has_web_server_user:
-            users.append(f"wwwrun:x:{WWWRUN_UID}:30030::/:/bin/false\n")
-        if made.has_group:
-            groups.append(f"kivcln:x:{KIVCLN_GID}:\n")
-        for number, login in enumerate(dict.fromkeys(made.accounts)):
-            users.append(f"{login}:x:{31000 + number}:{KIVCLN_GID}::/:/bin/false\n")
-        for path, lines in (("/etc/passwd", users), ("/etc/group", groups)):
-            with open(path, "w", encoding="utf-8") as file:
-                file.writelines(lines)
-        return _ids(users), _ids(groups)
-
-
-def _ids(lines):
-    return {line.split(":")[0]: int(line.split(":")[2]) for line in reversed(lines) if line.count(":") >= 3}

@@ -17,7 +17,8 @@ import panel_rows
 import real_server
 from expected_run import Run, command_line, perform, said
 from panel import HTTPD_VHOSTS_D, SERVER_FILE, WORKERS_FILE
-from random_panel import Filler, RandomPanel
+from panel_filler import Filler
+from random_panel import RandomPanel
 
 SEED = int(os.environ.get("RANDOM_SEED", "1"))
 PANELS = int(os.environ.get("RANDOM_PANELS", "300"))
@@ -30,22 +31,25 @@ LINES_SHOWN = 100
 MUST_COME = (
     # Messages
     "^Virtual host parameters not found", "^User .* does not exist, virtual host", "^User .* does not exist for",
-    "^Native User for", "^Error in print subdomains", "^Unable to open file .*: No such file", "^ERROR: Unable to mkdir",
-    "^Unable to getpwnam", "^getgrnam", "^ColdFusion paths", "^There is no file", "^Unable to query parameter FullHostName",
-    r"^idn_toascii_safe\(", r"^idn_toascii\(\) failed", r"^regexec\(\)", r"^get_dom_id\(\)", "cannot be a part of a path$",
-    "cannot be a part of a path, virtual host skipped", "cannot be a part of a path, subdomains skipped",
-    # Blocks
-    "ServerAlias  www\\.", "UseCanonicalName Off", "\t\tSuexecUserGroup", "ServerAdmin  \"", "access_ssl_log", "RewriteEngine",
-    "MvCONFIG_DIR_USER", "Redirect permanent", "Alias  /quarry-stat", "awstats-icon .*/icon$", "SSLCACertificateFile",
-    "SSLRequireSSL", "mod_perl.c", "Apache::ASP", "mod_python.c", "mod_fcgid.c", "safe_mode off", "engine off", "open_basedir",
-    r"Options \+Includes -ExecCGI", "AddHandler cgi-script", "AuthUserFile /", r"AuthUserFile \(null\)$", 'AuthName " "$',
-    "ErrorDocument 500", "JkMount /", "/httpsdocs/_vti_bin", "/httpdocs/_vti_bin", "mod_jrun20", "mod_jrun22", "/runtime/lib/",
-    "Bandwidth all -", "MaxConnection all 0", "siteapp.d$", "siteapp_ssl.d$", "/vhost.conf$", "/vhost_ssl.conf$",
-    "/subdomains/.*/conf/siteapp.d$", "/subdomains/.*/mivadata$", "Include .*/httpd.include$", "RedirectPermanent / \"ftp:",
-    "RedirectPermanent / \"http://[HF]", "DocumentRoot .*/httpdocs\n\t<IfModule mod_ssl.c>\n\t\tSSLEngine off\n\t</IfModule>\n</V",
-    "ServerName webmail", "worker.ajp13.port=8009", "worker.ajp13.port=9008", "TraceEnable", "CustomLog  \\|", "AuthConfig Limit",
-    "^ServerAdmin root@", "xn--", "ServerName   .*ü", "d\\.\\.cgi-bin$", "d\\.\\.cgi-bin@$",
-    r"(?:\t\t\t\S+:80 \\\n){300}\t\t\t>",
+    "^Native User for", "^Error in print subdomains", "^Unable to open file .*: No such file",
+    "^Unable to query parameter FullHostName", "^ERROR: Unable to mkdir", "^Unable to getpwnam", "^getgrnam",
+    "^ColdFusion paths", "^There is no file", r"^idn_toascii_safe\(", r"^idn_toascii\(\) failed", r"^regexec\(\)",
+    r"^get_dom_id\(\)", "cannot be a part of a path$", "cannot be a part of a path, virtual host skipped",
+    "cannot be a part of a path, subdomains skipped",
+    # What a site's host may have
+    r"ServerAlias  www\.", "UseCanonicalName Off", "\t\tSuexecUserGroup", 'ServerAdmin  "', "access_ssl_log",
+    "ServerName   .*ü", "RewriteEngine", "MvCONFIG_DIR_USER", "Redirect permanent", "Alias  /quarry-stat",
+    "awstats-icon .*/icon$", "SSLCACertificateFile", "SSLRequireSSL", "mod_perl.c", "Apache::ASP", "mod_python.c",
+    "mod_fcgid.c", "safe_mode off", "engine off", "open_basedir", r"Options \+Includes -ExecCGI",
+    "AddHandler cgi-script", "AuthUserFile /", r"AuthUserFile \(null\)$", 'AuthName " "$', r"d\.\.cgi-bin$",
+    r"d\.\.cgi-bin@$", "ErrorDocument 500", "JkMount /", "/httpsdocs/_vti_bin", "/httpdocs/_vti_bin", "mod_jrun20",
+    "mod_jrun22", "/runtime/lib/", "Bandwidth all -", "MaxConnection all 0", "siteapp.d$", "siteapp_ssl.d$",
+    "/vhost.conf$", "/vhost_ssl.conf$", "/subdomains/.*/conf/siteapp.d$", "/subdomains/.*/mivadata$",
+    # The server-wide file and the workers
+    "Include .*/httpd.include$", 'RedirectPermanent / "ftp:', 'RedirectPermanent / "http://[HF]',
+    "DocumentRoot .*/httpdocs\n\t<IfModule mod_ssl.c>\n\t\tSSLEngine off\n\t</IfModule>\n</V", "ServerName webmail",
+    "worker.ajp13.port=8009", "worker.ajp13.port=9008", "TraceEnable", r"CustomLog  \|", "AuthConfig Limit",
+    "^ServerAdmin root@", "xn--", r"(?:\t\t\t\S+:80 \\\n){300}\t\t\t>",
 )
 
 
@@ -141,8 +145,8 @@ class Trial:
     def assert_as_stated(self, tried):
         if not self.failed:
             return
-        shown = [f"{len(self.failed)} of the seeds {tried.start} to {tried.stop - 1} went otherwise than stated. One again: "
-                 f"RANDOM_SEED={self.failed[0][0]} RANDOM_PANELS=1 script/test -R random"]
+        shown = [f"{len(self.failed)} of the seeds {tried.start} to {tried.stop - 1} went otherwise than stated. "
+                 f"One again: RANDOM_SEED={self.failed[0][0]} RANDOM_PANELS=1 script/test -R random"]
         for seed, what, wrong in self.failed[:FAILURES_SHOWN]:
             shown += [f"\nseed {seed}, {what}:", *"\n".join(wrong).split("\n")[:LINES_SHOWN]]
         pytest.fail("\n".join(shown), pytrace=False)
