@@ -21,8 +21,8 @@ constexpr const char *FRONTPAGE_ENTRIES[] = {
     "_private", "_vti_bin", "_vti_cnf", "_vti_log", "_vti_pvt", "_vti_txt", "_vti_inf.html", ".htaccess",
 };
 
-// So much of the list of sub-webs is read: thousands of them.
-constexpr std::size_t LIST_SIZE = 1024 * 1024;
+// So much of the list of sub-webs is read, a mebibyte: many thousands of them.
+constexpr std::size_t LIST_SIZE = std::size_t{1} << 20;
 
 // So many sub-webs may lie behind links, each of which may take the kernel through 40 long paths, and none deeper than
 // a path can name.

@@ -45,12 +45,12 @@ int open_lock_file(const char *path) {
                    LOCK_DIRECTORY);
     return -1;
   }
-  unique_fd lock_file;
+  unique_fd file;
   if (directory.fd >= 0)
-    lock_file.reset(
+    file.reset(
         openat(directory.fd, path + sizeof LOCK_DIRECTORY, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (lock_file.fd >= 0 && empty_lock_file(lock_file.fd))
-    return lock_file.release();
+  if (file.fd >= 0 && empty_lock_file(file.fd))
+    return file.release();
   report_failure(0, 0, "Unable to open file \"%s\": %s.", path, std::strerror(errno));
   return -1;
 }
