@@ -77,11 +77,11 @@ unique_fd open_sub_directory(const unique_fd &root, const char *path, int &links
   how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   how.resolve = RESOLVE_NO_SYMLINKS;
   unique_fd directory(static_cast<int>(syscall(SYS_openat2, root.fd, path, &how, sizeof how)));
-  // A link on the way is fine as long as it stays in the document root. Older kernels do not have the call.
-  if (directory.fd < 0 && (errno == ELOOP || errno == ENOSYS) && links_left > 0) {
-    --links_left;
+  // A link on the way is fine as long as it stays in the document root. Where the call is missing or forbidden, nothing
+  // tells whether there is one.
+  const bool linked = directory.fd < 0 && errno == ELOOP && links_left-- > 0;
+  if (linked || (directory.fd < 0 && (errno == ENOSYS || errno == EPERM)))
     directory.reset(openat(root.fd, path, O_PATH | O_DIRECTORY | O_CLOEXEC));
-  }
   return directory;
 }
 

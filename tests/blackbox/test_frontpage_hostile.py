@@ -161,6 +161,18 @@ def test_sub_web_behind_an_absolute_link_within_the_document_root_loses_its_serv
     assert os.listdir(root / "sub/_vti_pvt") == ["services.org"]
 
 
+def test_hundred_sub_webs_may_lie_behind_links(panel, root):
+    names = [f"{number:03}" for number in range(101)]
+    write(root / "_vti_pvt/services.cnf", "".join(f"/link{name}\n" for name in names) + "/plain\n")
+    for name in [*names, "plain"]:
+        write(root / name / "_vti_pvt/services.cnf")
+    for name in names:
+        (root / f"link{name}").symlink_to(name)
+    hide(panel)
+    left = [name for name in [*names, "plain"] if (root / name / "_vti_pvt/services.cnf").exists()]
+    assert left == ["100"]
+
+
 def test_services_that_cannot_be_put_aside_are_reported_and_the_installation_goes_on(panel, root):
     write(root / "_vti_pvt/services.cnf", "/bad\n/good\n")
     for name in ("bad", "good"):
