@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <errmsg.h>
 #include <fcntl.h>
 #include <mysqld_error.h>
 #include <unistd.h>
@@ -93,6 +94,8 @@ bool is_full(MYSQL *db) {
     return true;
   case ER_USER_LIMIT_REACHED: // connections at once, or something per hour
     return std::strstr(mysql_error(db), "'max_user_connections'") != nullptr;
+  case CR_CONNECTION_ERROR: // or not even room for one more to wait
+    return errno == EAGAIN;
   default:
     return false;
   }

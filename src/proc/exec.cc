@@ -205,7 +205,7 @@ void close_descriptors_from(int lowest) {
   // takes minutes.
   if (const unique_dir open_ones{opendir("/proc/self/fd")}) {
     while (const dirent *entry = readdir(open_ones.get())) {
-      const int fd = std::atoi(entry->d_name); // 0 for "." and ".."
+      const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10)); // 0 for "." and ".."
       if (fd >= lowest && fd != dirfd(open_ones.get()))
         close(fd);
     }

@@ -23,7 +23,7 @@ constexpr char DEFAULT_INTERVAL[] = "900";
 constexpr unsigned TOMCAT_SETTLE_SECONDS = 2;
 
 // No setting keeps a change from going live for longer than a week.
-constexpr long LONGEST_WAIT = 7 * 86400;
+constexpr long LONGEST_WAIT = 7L * 86400;
 
 // Longer ones would not leave room for the query around them.
 constexpr std::size_t LONGEST_NUMBER = 64;

@@ -230,6 +230,16 @@ def test_interval_that_is_no_number_does_not_prevent_the_restart(panel, site):
     assert calls(panel) == RESTARTED
 
 
+# What runs say
+
+def test_equal_runs_say_the_same(panel, site):
+    panel.sql("DROP TABLE clients")
+    results = [panel.run(*RECONFIGURE, "-v") for _ in range(25)]
+    assert {result.status for result in results} == {1}
+    assert {result.err for result in results} == {
+        "halyard: Unable to define virtual hosts parameters: Table 'kiv.clients' doesn't exist\n"}
+
+
 # Outputs and files that take nothing
 
 @pytest.mark.parametrize("option", ["--help", "-s"])

@@ -10,6 +10,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -626,6 +628,24 @@ TEST_F(full_server, may_be_full_for_this_account_only) {
   EXPECT_EQ(message, "Unable to connect to Quarry Database: User 'admin' has exceeded the "
                      "'max_user_connections' resource (current value: 1)");
   EXPECT_GT(pauses.size(), 1U);
+}
+
+TEST_F(full_server, may_be_too_busy_to_take_connections) {
+  const stopped_server server;
+  sockaddr_un place = {AF_UNIX, "/run/mysqld/mysqld.sock"};
+  const auto *address = reinterpret_cast<const sockaddr *>(&place);
+  const int busy = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int first = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(busy, address, sizeof place), 0);
+  ASSERT_EQ(listen(busy, 0), 0);
+  ASSERT_EQ(connect(first, address, sizeof place), 0);
+  pauses_are_real = false;
+  EXPECT_TRUE(attempt().starts_with("Unable to connect to Quarry Database: Can't connect to local"));
+  pauses_are_real = true;
+  EXPECT_GT(pauses.size(), 1U);
+  close(first);
+  close(busy);
+  unlink(place.sun_path);
 }
 
 TEST_F(full_server, is_not_what_refuses_a_password) {
