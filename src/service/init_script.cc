@@ -26,7 +26,7 @@ bool is_process_running(const char *name) {
   return std::system(pipeline.c_str()) == 0;
 }
 
-// What messages call the action.
+// What messages call the action. Every beginning of "graceful" counts as the word.
 const char *label_of(const char *action) {
   const std::size_t compared = std::min<std::size_t>(std::strlen(action), sizeof "graceful");
   return std::strncmp(action, "graceful", compared) == 0 ? "gracefully restart" : action;

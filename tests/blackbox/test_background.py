@@ -208,6 +208,32 @@ def test_session_that_ends_while_the_run_waits_for_its_turn_costs_nothing(panel,
     assert calls(panel) == RESTARTED
 
 
+def test_session_that_ends_while_a_restart_waits_for_its_turn_costs_nothing(panel):
+    with UtilitiesLocks() as locks:
+        assert locks.take(GENERATE)
+        run = panel.start("-t", "-r")
+        wait_until(lambda: is_waiting(run.pid))
+        end_sessions(panel)
+        locks.give_back(GENERATE)
+        result = run.result()
+    assert (result.status, result.out, result.err) == (0, "", "")
+    assert calls(panel) == [("tomcat4", "restart"), *RESTARTED, ("apache", "status")]
+
+
+def test_change_that_waits_for_a_server_which_is_gone_ends_with_the_words_of_its_first_statement(panel, site):
+    with UtilitiesLocks() as locks:
+        assert locks.take(GENERATE)
+        run = panel.start(*RECONFIGURE, "-v")
+        wait_until(lambda: is_waiting(run.pid))
+        panel.stop_server()
+        locks.give_back(GENERATE)
+        result = run.result()
+    assert result.status == 1
+    assert re.fullmatch(r"halyard: Unable to connect to Quarry Database: Can't connect to local[^\n]+\n"
+                        r"System error \d+: [^\n]+\n"
+                        r"halyard: Unable to query domain ID: Server has gone away\n", result.err), result
+
+
 @pytest.mark.parametrize("end", [end_sessions, lambda panel: panel.restart_server()])
 def test_session_that_ends_during_the_interval_costs_neither_restart_nor_record(panel, site, end):
     panel.misc("restart_apache_interval", str(SHORT_SLEEP))
