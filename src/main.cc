@@ -62,7 +62,7 @@ int main(int argc, char **argv) {
   unique_connection connection = db_connect_or_report();
   MYSQL *db = connection.get();
   if (db == nullptr)
-    end_run(NO_DATABASE);
+    end_run(NO_CONNECTION);
   pipelog = is_flag_set(get_misc_param("apache_pipelog", db)) ? 1 : 0;
 
   if (mode.restart_tomcat)

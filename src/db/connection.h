@@ -56,7 +56,7 @@ void assert_quotable(const char *text, const char *file, unsigned line, const ch
 #define ASSERT_QUOTABLE(text, source) assert_quotable(text, source, __LINE__, __func__)
 
 // What is said where no connection can be had, behind the report of db_connect_or_report.
-inline constexpr char NO_DATABASE[] = "Unable to connect to the mysql database\n";
+inline constexpr char NO_CONNECTION[] = "Unable to connect to the mysql database\n";
 
 // The connection that a query function works on. `handle` is null when the caller gave none and none can be had,
 // which has been reported.

@@ -8,7 +8,7 @@ int get_anon_ftp(const char *dom_id, MYSQL *db) {
   ASSERT_QUOTABLE(dom_id, "ftp.c");
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, NO_DATABASE);
+    report_failure(0, 0, NO_CONNECTION);
     return 0;
   }
   const bounded_text query("select a.status from domains d, anon_ftp a "

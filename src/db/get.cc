@@ -13,7 +13,7 @@ const char *get_dom_id(const char *name, MYSQL *db) {
   ASSERT_QUOTABLE(name, "get.c");
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, NO_DATABASE);
+    report_failure(0, 0, NO_CONNECTION);
     return nullptr;
   }
   unique_text ascii_name = idn_toascii(name);
@@ -38,7 +38,7 @@ const char *get_exist_case_dom_name(const char *name) {
   ASSERT_QUOTABLE(name, "get.c");
   const unique_connection db = db_connect_or_report();
   if (!db)
-    end_run(NO_DATABASE);
+    end_run(NO_CONNECTION);
   const bounded_text query("select name from domains where name='%s'", name);
   const unique_result result = db_select(db.get(), query.c_str());
   if (!result)
@@ -56,7 +56,7 @@ int get_www_prefix(const char *dom_id, MYSQL *db) {
   ASSERT_QUOTABLE(dom_id, "get.c");
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, NO_DATABASE);
+    report_failure(0, 0, NO_CONNECTION);
     return -1;
   }
 

@@ -11,7 +11,7 @@ const char *get_param_by_query(const char *query, MYSQL *db, unsigned column) {
 
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, NO_DATABASE);
+    report_failure(0, 0, NO_CONNECTION);
     return nullptr;
   }
   const unique_result result = db_select(connection.handle, query);
@@ -68,7 +68,7 @@ const char *get_cf_instance_path(MYSQL *db) {
 
   const connection_scope connection(db);
   if (connection.handle == nullptr)
-    end_run(NO_DATABASE);
+    end_run(NO_CONNECTION);
 
   const char *value = get_misc_param("cf_instance_type", connection.handle);
   if (!is_usable_setting(value))

@@ -11,7 +11,7 @@ int get_service_status(const char *dom_id, const char *type, MYSQL *db) {
   ASSERT_QUOTABLE(type, "service.c");
   connection_scope connection(db);
   if (connection.handle == nullptr) {
-    report_failure(0, 0, NO_DATABASE);
+    report_failure(0, 0, NO_CONNECTION);
     return -1;
   }
   const bounded_text query("select status from DomainServices where dom_id='%s' and type='%s'", dom_id, type);

@@ -63,7 +63,7 @@ int generic_action(const char *name, const char *action) {
 int coldfusion_action(const char *program, const char *action) {
   const unique_connection db = db_connect_or_report();
   if (!db)
-    end_run(NO_DATABASE);
+    end_run(NO_CONNECTION);
   const char *path = get_misc_param("cf_instance_path", db.get());
   if (!is_usable_setting(path)) {
     report_failure(0, 0, "CF not configured in Quarry.\n");
