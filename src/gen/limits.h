@@ -1,6 +1,8 @@
 // Numbers in columns that limit a site's traffic.
 #pragma once
 
+#include "fs/text.h"
+
 #include <cstdint>
 #include <cstdlib>
 
