@@ -1,8 +1,9 @@
 // The product configuration file /etc/kiv/kiv.conf: one "KEY value" a line, the first line of a key wins.
 #pragma once
 
-// Value of `key`, or null when the file cannot be read or no line has the key and a value. The file is read on the
-// first call and kept for the life of the process; the text belongs to it. Never reports.
+// Value of `key`, or null when the file cannot be read or no line has the key and a value. (On a last line without a
+// newline, white space behind the key is enough, and the value is empty.) The file is read on the first call and kept
+// for the life of the process; the text belongs to it. Never reports.
 const char *conf_lookup(const char *key);
 
 // Publishes every key below, once per process. The first one that is missing ends the run.

@@ -10,8 +10,8 @@
 
 namespace {
 
-void print_aliases(FILE *out, const domain_record &domain, MYSQL *db) {
-  if (domain.www) {
+void print_server_aliases(FILE *out, const domain_record &domain, bool www, MYSQL *db) {
+  if (www) {
     fprintf(out, "\tServerAlias  www.%s\n", domain.name);
     fprintf(out, "\tUseCanonicalName Off\n");
   }
@@ -21,7 +21,7 @@ void print_aliases(FILE *out, const domain_record &domain, MYSQL *db) {
   const unique_result aliases = db_select_or_end_run(db, query.c_str(), "Unable to query");
   while (MYSQL_ROW row = mysql_fetch_row(aliases.get())) {
     fprintf(out, "\tServerAlias  %s\n", row[0]);
-    if (domain.www)
+    if (www)
       fprintf(out, "\tServerAlias  www.%s\n", row[0]);
   }
 }
@@ -69,7 +69,7 @@ bool redirects_statistics(const domain_record &domain, const host_kind &kind) {
 
 void print_main_directory(FILE *out, const domain_record &domain, const host_kind &kind, const char *docs) {
   const bounded_text directory("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, docs);
-  fprintf(out, "\t<Directory %s/%s/%s>\n", HTTPD_VHOSTS_D, domain.name, docs);
+  fprintf(out, "\t<Directory %s>\n", directory.c_str());
   if (domain.perl)
     print_perl(out);
   if (domain.asp)
@@ -90,7 +90,7 @@ void print_web_user(FILE *out, const domain_record &domain, MYSQL_ROW user) {
   const bounded_text directory("%s/%s/web_users/%s", HTTPD_VHOSTS_D, domain.name, user[0]);
   const bool cgi = domain.cgi && is_flag_set(user[3]);
 
-  fprintf(out, "\t<Directory %s/%s/web_users/%s>\n", HTTPD_VHOSTS_D, domain.name, user[0]);
+  fprintf(out, "\t<Directory %s>\n", directory.c_str());
   print_options(out, domain.ssi && is_flag_set(user[1]), cgi);
   if (cgi)
     fprintf(out, "\t\tAddHandler cgi-script .cgi\n");
@@ -106,13 +106,13 @@ void print_web_user(FILE *out, const domain_record &domain, MYSQL_ROW user) {
   fprintf(out, "\t</Directory>\n");
 }
 
+void switch_web_users_off(FILE *out, const domain_record &domain) {
+  fprintf(out, "\t<Directory %s/%s/web_users>\n", HTTPD_VHOSTS_D, domain.name);
+  print_php(out, false, false, nullptr);
+  fprintf(out, "\t</Directory>\n");
+}
+
 void print_web_users(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
-  if (!domain.wu_script) {
-    fprintf(out, "\t<Directory %s/%s/web_users>\n", HTTPD_VHOSTS_D, domain.name);
-    print_php(out, false, false, nullptr);
-    fprintf(out, "\t</Directory>\n");
-    return;
-  }
   const bounded_text query("select u.login, w.ssi, w.php, w.cgi, w.perl, w.asp, w.python, w.fastcgi "
                            "\t\t\t\t\tfrom web_users w, sys_users u where w.sys_user_id=u.id and w.dom_id=%s",
                            domain.id);
@@ -169,7 +169,7 @@ void print_cgi_protections(FILE *out, const domain_record &domain, const host_ki
   }
 }
 
-int print_includes(FILE *out, const domain_record &domain, const host_kind &kind) {
+int print_custom_includes(FILE *out, const domain_record &domain, const host_kind &kind) {
   const bounded_text applications("%s/%s/conf/%s", HTTPD_VHOSTS_D, domain.name, kind.site_applications);
   if (print_site_applications_include(out, applications.c_str()) != 0)
     return -1;
@@ -179,15 +179,15 @@ int print_includes(FILE *out, const domain_record &domain, const host_kind &kind
 
 } // namespace
 
-int print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
+int print_domain_host(FILE *out, const domain_record &domain, const domain_settings &settings,
+                      const host_kind &kind, MYSQL *db) {
   const char *docs = docs_of(kind, domain.same_ssl);
 
   fprintf(out, "<VirtualHost %s:%s>\n", domain.ip_address, kind.port);
   print_server_name(out, domain.name, kind.port);
-  print_aliases(out, domain, db);
+  print_server_aliases(out, domain, settings.www, db);
   print_system_user(out, domain.login, domain.cgi || domain.miva, kind.suexec_indent);
-  if (!is_empty(domain.email))
-    fprintf(out, "\tServerAdmin  %s%s%s\n", kind.admin_quote, domain.email, kind.admin_quote);
+  print_server_admin(out, domain.email, kind.admin_quote);
   fprintf(out, "\tDocumentRoot %s/%s/%s\n", HTTPD_VHOSTS_D, domain.name, docs);
   print_logs(out, domain.name, kind.access_log);
   print_trace_refusal(out);
@@ -206,19 +206,22 @@ int print_domain_host(FILE *out, const domain_record &domain, const host_kind &k
   else
     print_ssl_off(out);
   print_main_directory(out, domain, kind, docs);
-  print_web_users(out, domain, kind, db);
+  if (settings.wu_script)
+    print_web_users(out, domain, kind, db);
+  else
+    switch_web_users_off(out, domain);
   print_document_protections(out, domain, kind, docs, db);
   print_cgi_protections(out, domain, kind, db);
-  if (domain.error_docs && print_error_docs(out, domain.name) != 0)
+  if (settings.error_docs && print_error_docs(out, domain.name) != 0)
     return -1;
-  if (domain.tomcat_status == 0)
+  if (settings.tomcat_status == 0)
     print_tomcat(out, domain.id, domain.name, db);
   if (Apache2 && (kind.ssl ? domain.fp_ssl : domain.fp))
     print_vti_dirs(out, domain.name, kind.ssl && !domain.same_ssl);
   if (domain.coldfusion)
     print_coldfusion(out, db);
   print_bandwidth(out, domain.traffic_bandwidth, domain.max_connection);
-  if (print_includes(out, domain, kind) != 0)
+  if (print_custom_includes(out, domain, kind) != 0)
     return -1;
   fprintf(out, "</VirtualHost>\n\n");
   return 0;

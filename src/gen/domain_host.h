@@ -33,8 +33,10 @@ struct domain_record {
   bool miva;
   std::int64_t traffic_bandwidth;
   std::int64_t max_connection;
+};
 
-  // Looked up besides the row.
+// What is looked up besides that.
+struct domain_settings {
   int tomcat_status;
   bool www;
   bool error_docs;
@@ -43,4 +45,5 @@ struct domain_record {
 
 // One host. Returns 0, or -1 after a report when nobody can tell whether one of the site's files is there; what was
 // written before stays in the stream. A query that fails ends the run.
-int print_domain_host(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db);
+int print_domain_host(FILE *out, const domain_record &domain, const domain_settings &settings,
+                      const host_kind &kind, MYSQL *db);

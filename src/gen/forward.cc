@@ -4,6 +4,7 @@
 #include "db/query.h"
 #include "env/config.h"
 #include "fs/text.h"
+#include "gen/host_kind.h"
 #include "gen/print.h"
 
 namespace {
@@ -32,8 +33,7 @@ void print_forward_head(FILE *out, const forward_host &host, MYSQL *db, unsigned
   }
 
   print_trace_refusal(out);
-  if (!is_empty(host.email))
-    fprintf(out, "\tServerAdmin  \"%s\"\n", host.email);
+  print_server_admin(out, host.email, PLAIN_HOST.admin_quote);
 }
 
 } // namespace

@@ -7,7 +7,7 @@ struct host_kind {
   const char *access_log;
   const char *site_applications; // included when it is a directory of the site's conf directory
 
-  // Domains only; the hosts of subdomains do not differ in these.
+  // For domains; the hosts of subdomains do not differ in these and have the plain host's.
   const char *suexec_indent;
   const char *admin_quote;       // around the e-mail address of ServerAdmin
   const char *protection_column; // flag of protected_dirs

@@ -22,18 +22,18 @@ bool is_ssl_port(const char *port) {
 }
 
 const char *default_docs(const char *port) {
-  return is_ssl_port(port) ? "/default/httpsdocs" : "/default/htdocs";
+  return is_ssl_port(port) ? "/default/httpsdocs" : DEFAULT_DOCS;
 }
 
-// What becomes of the address that was fetched when a host is full. That the default and lists hosts lose it is how
-// they have always been written, and other tools of the panel count on the same hosts.
+// What becomes of the address that was fetched when a host is full. The default and lists hosts lose it, the webmail
+// hosts do not; both are on purpose and must stay.
 enum class overflow { lost, kept };
 
 using body_writer = void (*)(FILE *out, const char *port);
 
 // One host after the other, each for up to ADDRESSES_PER_HOST addresses; none when there is no address.
 void print_hosts_for_all_addresses(FILE *out, const char *port, MYSQL *db, body_writer print_body,
-                                   overflow row_301) {
+                                   overflow when_full) {
   const unique_result addresses =
       db_select_or_end_run(db, "select ip_address from IP_Addresses", "Unable to select IP_Addresses");
   MYSQL_ROW row = mysql_fetch_row(addresses.get());
@@ -45,7 +45,7 @@ void print_hosts_for_all_addresses(FILE *out, const char *port, MYSQL *db, body_
     }
     fprintf(out, "\t\t\t>\n");
     print_body(out, port);
-    if (row != nullptr && row_301 == overflow::lost)
+    if (row != nullptr && when_full == overflow::lost)
       row = mysql_fetch_row(addresses.get());
   }
 }
@@ -67,16 +67,16 @@ void print_server_certificate(FILE *out) {
   fprintf(out, "\tSSLCertificateFile %s/httpd.pem\n", HTTPD_CONF_D);
 }
 
-// Both kinds of default host: document root and cgi-bin.
-void print_default_roots(FILE *out, const char *port) {
+// Both kinds of default host: where documents and programs lie.
+void print_root_and_programs(FILE *out, const char *port) {
   fprintf(out, "\tUseCanonicalName Off\n");
   fprintf(out, "\tDocumentRoot %s%s\n", HTTPD_VHOSTS_D, default_docs(port));
   fprintf(out, "\tScriptAlias /cgi-bin/ \"%s%s\"\n", HTTPD_VHOSTS_D, "/default/cgi-bin/");
   print_trace_refusal(out);
 }
 
-// Both kinds of default host: the directories.
-void print_default_directories(FILE *out, const char *port) {
+// Both kinds of default host: who may do what there.
+void print_root_directories(FILE *out, const char *port) {
   fprintf(out,
           "\t<Directory \"%s%s\">\n"
           "\t\tAllowOverride None\n"
@@ -89,18 +89,18 @@ void print_default_directories(FILE *out, const char *port) {
   if (is_ssl_port(port))
     fprintf(out, "\t\tSSLRequireSSL\n");
   else
-    print_php(out, true, true, bounded_text("%s%s", HTTPD_VHOSTS_D, "/default/htdocs").c_str());
+    print_php(out, true, true, bounded_text("%s%s", HTTPD_VHOSTS_D, DEFAULT_DOCS).c_str());
   fprintf(out, "\t</Directory>\n");
 }
 
 void print_default_body(FILE *out, const char *port) {
   fprintf(out, "\tServerName default\n");
-  print_default_roots(out, port);
+  print_root_and_programs(out, port);
   if (is_ssl_port(port))
     print_server_certificate(out);
   else
     print_ssl_off(out);
-  print_default_directories(out, port);
+  print_root_directories(out, port);
   fprintf(out, "</VirtualHost>\n\n\n");
 }
 
@@ -113,12 +113,12 @@ void print_ssl_default_host(FILE *out, const char *port, MYSQL_ROW row) {
 
   fprintf(out, "<VirtualHost %s:%s >\n", row[0], port);
   fprintf(out, "\tServerName default-%s\n", label);
-  print_default_roots(out, port);
+  print_root_and_programs(out, port);
   if (is_ssl_port(port))
     print_ssl_certificate(out, row[1], row[2]);
   else
     print_ssl_off(out);
-  print_default_directories(out, port);
+  print_root_directories(out, port);
   fprintf(out, "</VirtualHost>\n\n");
 }
 
@@ -145,8 +145,8 @@ void print_webmail_body(FILE *out, const char *port) {
   if (is_ssl_port(port))
     print_server_certificate(out);
   fprintf(out, "\t<Directory %s>\n", HORDE_DOC_D);
-  print_webmail_php(out, Apache2 ? "sapi_apache2" : "mod_php4", "");
-  print_webmail_php(out, "mod_php5", bounded_text("%s/lib:", HORDE_DOC_D).c_str());
+  print_webmail_php(out, php4_module(), "");
+  print_webmail_php(out, PHP5_MODULE, bounded_text("%s/lib:", HORDE_DOC_D).c_str());
   if (is_ssl_port(port))
     fprintf(out, "\t\tSSLRequireSSL\n");
   fprintf(out, "\t\tOrder allow,deny\n"

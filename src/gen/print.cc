@@ -169,8 +169,12 @@ void print_perl(FILE *out) {
                "\t</IfModule>\n");
 }
 
+const char *php4_module() {
+  return Apache2 ? "sapi_apache2" : "mod_php4";
+}
+
 void print_php(FILE *out, bool enabled, bool safe_mode, const char *open_basedir) {
-  for (const char *module : {Apache2 ? "sapi_apache2" : "mod_php4", "mod_php5"}) {
+  for (const char *module : {php4_module(), PHP5_MODULE}) {
     fprintf(out, "\t<IfModule %s.c>\n", module);
     print_php_switches(out, enabled, safe_mode, open_basedir);
     fprintf(out, "\t</IfModule>\n");
@@ -275,6 +279,11 @@ void print_ssl_certificate(FILE *out, const char *cert_file, const char *ca_file
   fprintf(out, "\tSSLCertificateFile %s/%s\n", CERTIFICATES_D, cert_file);
   if (!is_empty(ca_file))
     fprintf(out, "\tSSLCACertificateFile %s/%s\n", CERTIFICATES_D, ca_file);
+}
+
+void print_server_admin(FILE *out, const char *email, const char *quote) {
+  if (!is_empty(email))
+    fprintf(out, "\tServerAdmin  %s%s%s\n", quote, email, quote);
 }
 
 void print_server_name(FILE *out, const char *name, const char *port) {

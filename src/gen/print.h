@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <mysql.h>
 
+// Document root of the hosts that belong to no domain, below HTTPD_VHOSTS_D.
+inline constexpr char DEFAULT_DOCS[] = "/default/htdocs";
+
 // Who may edit what: the head of a domain's file. `with_ssl` names the SSL host's custom file too.
 void print_warning_banner(FILE *out, const char *domain, bool with_ssl);
 
@@ -25,6 +28,10 @@ void print_fcgid(FILE *out);
 void print_python(FILE *out);
 void print_asp(FILE *out);
 void print_perl(FILE *out);
+
+// The modules that run PHP, each of which gets the same switches: the first depends on the Apache.
+const char *php4_module();
+inline constexpr char PHP5_MODULE[] = "mod_php5";
 
 // PHP on or off; safe mode and `open_basedir` (may be null or empty) only matter when it is on.
 void print_php(FILE *out, bool enabled, bool safe_mode, const char *open_basedir);
@@ -59,6 +66,9 @@ void print_ssl_off(FILE *out);
 // a certificate file. Ends the run when CERTIFICATES_D could not be composed.
 void print_ssl_certificate(FILE *out, const char *cert_file, const char *ca_file);
 
+// ServerAdmin with the address between `quote`; nothing without an address.
+void print_server_admin(FILE *out, const char *email, const char *quote);
+
 // Port and name of a host, and the user that its programs run as: `runs_programs` says whether it has any.
 void print_server_name(FILE *out, const char *name, const char *port);
 void print_system_user(FILE *out, const char *user, bool runs_programs, const char *suexec_indent);
@@ -69,8 +79,8 @@ void print_logs(FILE *out, const char *domain, const char *access_log);
 // Options line of a Directory.
 void print_options(FILE *out, bool includes, bool exec_cgi);
 
-// Include lines of a host: the site applications directory if it is one, the custom file if there is anything. Return 0,
-// or -1 after a report when nobody can tell.
+// Include lines of a host: the site applications directory if it is one, the custom file if there is anything. They
+// return 0, or -1 after a report when nobody can tell.
 int print_site_applications_include(FILE *out, const char *path);
 int print_custom_include(FILE *out, const char *path);
 

@@ -24,10 +24,6 @@ namespace {
 
 constexpr char LIST_FAILURE[] = "Unable to define virtual hosts parameters";
 
-bounded_text include_file_of(const char *domain) {
-  return bounded_text("%s/%s%s", HTTPD_VHOSTS_D, domain, "/conf/httpd.include");
-}
-
 void require_domain_name(const char *domain) {
   if (is_empty(domain))
     end_run("Error: empty DomainName");
@@ -78,22 +74,18 @@ domain_record decode_row(const char *name, MYSQL_ROW row) {
       .miva = is_flag_set(row[21]),
       .traffic_bandwidth = parse_limit(row[22]),
       .max_connection = parse_limit(row[23]),
-      .tomcat_status = -1,
-      .www = false,
-      .error_docs = false,
-      .wu_script = false,
   };
 }
 
-int print_domain_hosts(FILE *out, const domain_record &domain, MYSQL *db) {
+int print_domain_hosts(FILE *out, const domain_record &domain, const domain_settings &settings, MYSQL *db) {
   print_warning_banner(out, domain.name, domain.ssl);
   if (domain.ssl) {
     fprintf(out, "<IfModule mod_ssl.c>\n\n");
-    if (print_domain_host(out, domain, SSL_HOST, db) != 0)
+    if (print_domain_host(out, domain, settings, SSL_HOST, db) != 0)
       return -1;
     fprintf(out, "</IfModule>\n\n");
   }
-  return print_domain_host(out, domain, PLAIN_HOST, db);
+  return print_domain_host(out, domain, settings, PLAIN_HOST, db);
 }
 
 // A name that leads elsewhere must not stop the others, so it is left out here where it would end its own run.
@@ -108,6 +100,10 @@ void create_each(const unique_result &domains, MYSQL *db) {
 
 } // namespace
 
+bounded_text include_file_of(const char *domain) {
+  return bounded_text("%s/%s/conf/httpd.include", HTTPD_VHOSTS_D, domain);
+}
+
 int create_vhost_config(const char *name, MYSQL *db) {
   const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
   require_domain_name(name);
@@ -118,8 +114,8 @@ int create_vhost_config(const char *name, MYSQL *db) {
     return 0;
   }
   require_plain_name(name);
-  domain_record domain = decode_row(name, row);
-  domain.tomcat_status = get_service_status(domain.id, "tomcat", db);
+  const domain_record domain = decode_row(name, row);
+  const int tomcat_status = get_service_status(domain.id, "tomcat", db);
   const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
 
   staged_file file = open_staged_file(include_file_of(name));
@@ -127,13 +123,17 @@ int create_vhost_config(const char *name, MYSQL *db) {
     report_failure(0, 0, "User %s does not exist, virtual host %s skipped\n", domain.login, name);
     return -1;
   }
-  domain.www = get_www_prefix(domain.id, db) != 0; // a database that cannot tell counts as yes
-  get_anon_ftp(domain.id, db);                     // asked for the report on a broken table only
-  domain.error_docs = is_flag_set(get_dom_param(domain.id, "apacheErrorDocs", db));
-  domain.wu_script = is_flag_set(get_dom_param(domain.id, "wu_script", db));
+  const bool www = get_www_prefix(domain.id, db) != 0; // a database that cannot tell counts as yes
+  get_anon_ftp(domain.id, db);                         // asked for the report on a broken table only
+  const domain_settings settings = {
+      .tomcat_status = tomcat_status,
+      .www = www,
+      .error_docs = is_flag_set(get_dom_param(domain.id, "apacheErrorDocs", db)),
+      .wu_script = is_flag_set(get_dom_param(domain.id, "wu_script", db)),
+  };
 
   FILE *out = file.out.get();
-  if (print_domain_hosts(out, domain, db) != 0) {
+  if (print_domain_hosts(out, domain, settings, db) != 0) {
     report_failure(0, 0, "Virtual host %s skipped\n", name);
     return -1;
   }

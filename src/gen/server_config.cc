@@ -13,6 +13,7 @@
 #include "gen/host_kind.h"
 #include "gen/ip_hosts.h"
 #include "gen/print.h"
+#include "gen/sequence.h"
 
 #include <cerrno>
 
@@ -59,7 +60,7 @@ void print_log_formats(FILE *out) {
 }
 
 // PHP is off everywhere unless a host turns it on.
-void print_default_directory(FILE *out, const char *directory, const char *allow_override) {
+void print_closed_directory(FILE *out, const char *directory, const char *allow_override) {
   fprintf(out, "<Directory \"%s\">\n", directory);
   fprintf(out,
           "\tAllowOverride %s\n"
@@ -67,7 +68,7 @@ void print_default_directory(FILE *out, const char *directory, const char *allow
           "\tOrder allow,deny\n"
           "\tAllow from all\n",
           allow_override);
-  for (const char *module : {Apache2 ? "sapi_apache2" : "mod_php4", "mod_php5"})
+  for (const char *module : {php4_module(), PHP5_MODULE})
     fprintf(out,
             "\t<IfModule %s.c>\n"
             "\tphp_admin_flag engine off\n"
@@ -79,14 +80,14 @@ void print_default_directory(FILE *out, const char *directory, const char *allow
 void print_global_directives(FILE *out, const char *host_name, const char *admin_email, MYSQL *db) {
   fprintf(out, "ServerName %s\n", host_name);
   fprintf(out, "ServerAdmin %s\n\n", admin_email);
-  fprintf(out, "DocumentRoot %s%s\n\n", HTTPD_VHOSTS_D, "/default/htdocs");
+  fprintf(out, "DocumentRoot %s%s\n\n", HTTPD_VHOSTS_D, DEFAULT_DOCS);
   print_log_formats(out);
   if (!lacks_trace_enable())
     fprintf(out, "TraceEnable off\n\n");
 
   const char *allow_override = get_misc_param("apache_allowoverride_default", db);
-  print_default_directory(out, HTTPD_VHOSTS_D, !is_empty(allow_override) ? allow_override : "All");
-  print_default_directory(out, MAILMAN_ROOT_D, "All");
+  print_closed_directory(out, HTTPD_VHOSTS_D, !is_empty(allow_override) ? allow_override : "All");
+  print_closed_directory(out, MAILMAN_ROOT_D, "All");
 
   fprintf(out, "<IfModule mod_userdir.c>\n"
                "\tUserDir disabled\n"
@@ -114,11 +115,11 @@ unique_text site_name(const char *name) {
   return nullptr;
 }
 
-void print_include(FILE *out, const char *name) {
+void print_domain_include(FILE *out, const char *name) {
   const unique_text ascii_name = site_name(name);
   if (!ascii_name)
     return;
-  const bounded_text path("%s/%s%s", HTTPD_VHOSTS_D, ascii_name.get(), "/conf/httpd.include");
+  const bounded_text path = include_file_of(ascii_name.get());
   const presence found = look_for(path.c_str());
   if (found == presence::unknown)
     end_run("Unable to look for %s: %s\n", path.c_str(), std::strerror(errno));
@@ -128,7 +129,7 @@ void print_include(FILE *out, const char *name) {
     report_failure(0, 0, "There is no file %s for Include directive.", path.c_str());
 }
 
-void print_includes(FILE *out, const char *which_domains, MYSQL *db) {
+void print_domain_includes(FILE *out, const char *which_domains, MYSQL *db) {
   const bounded_text query("select d.id, d.name \t\tfrom domains d, hosting h, IP_Addresses ipa "
                            "\t\twhere h.dom_id=d.id and h.ip_address_id=ipa.id "
                            "\t\tand d.status='0' and d.htype='vrt_hst' and %s",
@@ -136,7 +137,7 @@ void print_includes(FILE *out, const char *which_domains, MYSQL *db) {
   const unique_result domains =
       db_select_or_end_run(db, query.c_str(), "Unable to define virtual hosts parameters");
   while (MYSQL_ROW row = mysql_fetch_row(domains.get()))
-    print_include(out, text_or_empty(row[1]));
+    print_domain_include(out, text_or_empty(row[1]));
 }
 
 // One forwarding domain: columns id, name, e-mail, redirect, IP address, hosting type.
@@ -196,10 +197,10 @@ void create_server_config(MYSQL *db) {
   print_name_virtual_hosts(out, SSL_HOST.port, db);
   print_global_directives(out, host_name.get(), admin_email.c_str(), db);
   print_jk_connector(out, db);
-  print_includes(out, DEFAULT_DOMAINS, db);
+  print_domain_includes(out, DEFAULT_DOMAINS, db);
   print_forwarding_hosts(out, DEFAULT_DOMAINS, db);
   print_address_hosts(out, db);
-  print_includes(out, OTHER_DOMAINS, db);
+  print_domain_includes(out, OTHER_DOMAINS, db);
   print_forwarding_hosts(out, OTHER_DOMAINS, db);
   install_staged_file(std::move(file));
 }

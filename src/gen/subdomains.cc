@@ -39,6 +39,15 @@ struct subdomain_record {
   bool miva;
   std::int64_t traffic_bandwidth;
   std::int64_t max_connection;
+  bool native; // has a system user of its own
+  const char *sys_user_id;
+  const char *domains_user;
+};
+
+// What is looked up or composed besides that.
+struct subdomain_settings {
+  const char *full_name;
+  const char *user;
   bool error_docs;
 };
 
@@ -65,7 +74,9 @@ subdomain_record decode_row(const char *domain, MYSQL_ROW row) {
       .miva = is_flag_set(row[22]),
       .traffic_bandwidth = parse_limit(row[23]),
       .max_connection = parse_limit(row[24]),
-      .error_docs = false,
+      .native = row[15] != nullptr && std::strncmp(row[15], "native", 6) == 0,
+      .sys_user_id = row[16],
+      .domains_user = row[2],
   };
 }
 
@@ -74,7 +85,7 @@ bounded_text path_of(const subdomain_record &sub, const char *entry) {
   return bounded_text("%s/%s/subdomains/%s/%s", HTTPD_VHOSTS_D, sub.domain, sub.label, entry);
 }
 
-void print_aliases(FILE *out, const subdomain_record &sub, const host_kind &kind, MYSQL *db) {
+void print_server_aliases(FILE *out, const subdomain_record &sub, const host_kind &kind, MYSQL *db) {
   const bounded_text query("select name %sfrom domainaliases where status='0' and web='true' and dom_id=%s",
                            kind.ssl ? "\t\t\t\t\t\t" : "\t\t\t\t\t", sub.dom_id);
   const unique_result aliases = db_select_or_end_run(db, query.c_str(), "Unable to query");
@@ -102,16 +113,15 @@ void print_directory(FILE *out, const subdomain_record &sub, const host_kind &ki
   fprintf(out, "\t</Directory>\n");
 }
 
-int print_host(FILE *out, const subdomain_record &sub, const char *full_name, const char *user,
+int print_host(FILE *out, const subdomain_record &sub, const subdomain_settings &settings,
                const host_kind &kind, MYSQL *db) {
   const bounded_text documents = path_of(sub, docs_of(kind, sub.same_ssl));
 
   fprintf(out, "<VirtualHost %s:%s>\n", sub.ip_address, kind.port);
-  print_server_name(out, full_name, kind.port);
-  print_aliases(out, sub, kind, db);
-  print_system_user(out, user, sub.cgi || sub.miva, "\t");
-  if (!is_empty(sub.email))
-    fprintf(out, "\tServerAdmin  \"%s\"\n", sub.email);
+  print_server_name(out, settings.full_name, kind.port);
+  print_server_aliases(out, sub, kind, db);
+  print_system_user(out, settings.user, sub.cgi || sub.miva, PLAIN_HOST.suexec_indent);
+  print_server_admin(out, sub.email, PLAIN_HOST.admin_quote);
   fprintf(out, "\tDocumentRoot %s\n", documents.c_str());
   print_logs(out, sub.domain, kind.access_log);
   print_trace_refusal(out);
@@ -124,13 +134,14 @@ int print_host(FILE *out, const subdomain_record &sub, const char *full_name, co
   else
     print_ssl_off(out);
   print_directory(out, sub, kind, documents.c_str(), db);
-  if (sub.error_docs && print_error_docs(out, sub.domain) != 0)
+  if (settings.error_docs && print_error_docs(out, sub.domain) != 0)
     return -1;
   print_bandwidth(out, sub.traffic_bandwidth, sub.max_connection);
   const bounded_text applications = path_of(sub, bounded_text("conf/%s", kind.site_applications).c_str());
   if (print_site_applications_include(out, applications.c_str()) != 0)
     return -1;
-  if (print_custom_include(out, path_of(sub, "conf/vhost.conf").c_str()) != 0)
+  if (print_custom_include(
+          out, path_of(sub, bounded_text("conf/%s", PLAIN_HOST.custom_include).c_str()).c_str()) != 0)
     return -1;
   fprintf(out, "</VirtualHost>\n\n");
   return 0;
@@ -152,11 +163,10 @@ bool find_native_user(const char *sys_user_id, const char *full_name, char (&log
 }
 
 // The user that the subdomain's programs run as. Returns false after a report when there is none.
-bool find_user(MYSQL_ROW row, const char *full_name, char (&user)[TEXT_SIZE], MYSQL *db) {
-  const bool native = row[15] != nullptr && std::strncmp(row[15], "native", 6) == 0;
-  if (!native)
-    copy_text(user, text_or_empty(row[2]));
-  else if (!find_native_user(row[16], full_name, user, db))
+bool find_user(const subdomain_record &sub, const char *full_name, char (&user)[TEXT_SIZE], MYSQL *db) {
+  if (!sub.native)
+    copy_text(user, text_or_empty(sub.domains_user));
+  else if (!find_native_user(sub.sys_user_id, full_name, user, db))
     return false;
   if (user_exists(user))
     return true;
@@ -190,7 +200,7 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
   bool error_docs = true; // until the first setting that can be read
   const unique_result rows = select_subdomains(domain, db);
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
-    subdomain_record sub = decode_row(domain, row);
+    const subdomain_record sub = decode_row(domain, row);
     if (!is_empty(sub.label) && !is_plain_name(sub.label)) {
       report_failure(0, 0, "Subdomain name %s of %s cannot be a part of a path, subdomains skipped\n",
                      sub.label, domain);
@@ -199,19 +209,19 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
     const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
     const bounded_text full_name("%s.%s", sub.label, domain);
     char user[TEXT_SIZE];
-    if (!find_user(row, full_name.c_str(), user, db))
+    if (!find_user(sub, full_name.c_str(), user, db))
       return -1;
     if (const char *setting = get_dom_param(sub.dom_id, "apacheErrorDocs", db))
       error_docs = is_flag_set(setting);
-    sub.error_docs = error_docs;
+    const subdomain_settings settings = {full_name.c_str(), user, error_docs};
 
     if (sub.ssl) {
       fprintf(out, "<IfModule mod_ssl.c>\n\n");
-      if (print_host(out, sub, full_name.c_str(), user, SSL_HOST, db) != 0)
+      if (print_host(out, sub, settings, SSL_HOST, db) != 0)
         return -1;
       fprintf(out, "</IfModule>\n\n");
     }
-    if (print_host(out, sub, full_name.c_str(), user, PLAIN_HOST, db) != 0)
+    if (print_host(out, sub, settings, PLAIN_HOST, db) != 0)
       return -1;
     if (sub.miva)
       mkdir_owned(path_of(sub, "mivadata").c_str(), web_server_uid, hosting_gid, 0770);

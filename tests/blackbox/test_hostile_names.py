@@ -6,8 +6,8 @@ import signal
 
 import pytest
 
-from domain_support import (InstalledFile, after_database, assert_reported, conf_entries, domain_text, either, run_restricted,
-                            write_domain)
+from domain_support import (InstalledFile, after_database, assert_reported, conf_entries, domain_text, either,
+                            run_restricted, write_domain)
 from panel import HTTPD_VHOSTS_D
 
 VICTIM = "victim.test"
@@ -66,8 +66,8 @@ def test_statement_whose_cut_halves_an_escape_is_never_sent(panel, victim):
 
 # Paths
 
-HOSTILE = ["a/../victim.test", "../vhosts/victim.test", "/victim.test", "victim.test/", ".", "..", "it's.test", 'a".test',
-           "a\\.test", "a\n.test", "a\x7f.test"]
+HOSTILE = ["a/../victim.test", "../vhosts/victim.test", "/victim.test", "victim.test/", ".", "..", "it's.test",
+           'a".test', "a\\.test", "a\n.test", "a\x7f.test"]
 
 
 def site(panel, name):

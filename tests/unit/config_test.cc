@@ -16,7 +16,8 @@ struct config_key {
   const char **value;
 };
 
-// Every key that the panel's tools rely on, in the order in which they are checked.
+// Every key that the panel's tools rely on, in the order in which they are checked. A list of its own on purpose: a key
+// that is lost in the program's would not be missed by a test that shares it.
 const config_key KEYS[] = {
     {"PRODUCT_ROOT_D", &PRODUCT_ROOT_D},
     {"HTTPD_VHOSTS_D", &HTTPD_VHOSTS_D},
