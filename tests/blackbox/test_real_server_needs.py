@@ -133,16 +133,24 @@ def test_server_with_no_more_than_it_must_have_serves_less_and_shows_programs(pa
     assert ask("lakeside.example", "/~mayor/").status == 404
 
 
-def test_server_without_modules_cgi_and_dir_shows_programs_and_no_index(panel, tmp_path):
+def test_server_without_modules_that_every_server_has_shows_programs_and_hides_pages(panel, tmp_path):
     load_sample(panel)
     server = real_server.Server(panel, tmp_path)
-    example = variant(tmp_path, "no-cgi.conf", drop=[r"LoadModule (cgi|dir)_module", "DirectoryIndex"])
+    example = variant(tmp_path, "no-cgi.conf", drop=[r"LoadModule (cgi|dir|include|userdir)_module", "DirectoryIndex",
+                                                     "AddOutputFilter", "UserDir"])
     real_server.write_main_file(example)
     assert panel.run("--reconfigure-all", "-v", "-w").status == 0
     assert panel.run("-p").status == 0
-    answer = server.ask(TOWN, "lakeside.example", "/cgi-bin/whoami")
-    assert answer.text == (HTTPD_VHOSTS_D / "lakeside.example/cgi-bin/whoami").read_text()
-    assert server.ask(TOWN, "lakeside.example").status == 403
+
+    def ask(path):
+        return server.ask(TOWN, "lakeside.example", path)
+
+    site = HTTPD_VHOSTS_D / "lakeside.example"
+    assert ask("/cgi-bin/whoami").text == (site / "cgi-bin/whoami").read_text()
+    assert ask("/").status == 403
+    assert ask("/index.html").status == 200
+    assert ask("/time.shtml").text == (site / "httpdocs/time.shtml").read_text()
+    assert ask("/~mayor/index.html").status == 404
 
 
 # Files and directories
@@ -192,6 +200,29 @@ def test_site_without_a_directory_for_its_logs_is_refused_and_the_server_goes_on
     assert panel.run("-n", "--vhost-name=cafe.test", "-v").err == WARNING_OF_2_4
     wait_until(lambda: server.ask("127.0.0.1", "cafe.test").text == "the café")
     assert server.pid == first
+
+
+def test_example_script_does_what_init_scripts_do(panel, tmp_path):
+    server = start(panel, tmp_path)
+
+    def script(action):
+        result = panel.run(action, program=real_server.EXAMPLE_SCRIPT)
+        assert result.out == ""
+        # On a machine that does not let it open many files the script says so.
+        said = re.sub(r"apache: the server may open no more than \d+ files\n", "", result.err)
+        return result.status, said.replace(WARNING_OF_2_4, "")
+
+    first = server.pid
+    assert script("status") == (0, "")
+    assert script("start") == (0, "") and server.pid == first
+    assert script("stop") == (0, "") and not server.runs()
+    assert script("status") == (3, "")
+    assert script("stop") == (1, "")
+    for action in ("start", "restart", "graceful"):
+        assert script(action) == (0, "")
+        assert server.ask("127.0.0.1", "shop.test").text == "the shop"
+        assert script("stop") == (0, "")
+    assert script("reverse") == (1, f"Usage: {real_server.EXAMPLE_SCRIPT} {{start|stop|restart|graceful|status}}\n")
 
 
 def test_server_that_runs_out_of_descriptors_ends_and_the_script_says_so(panel, tmp_path):

@@ -140,6 +140,8 @@ def test_removal_waits_until_the_server_has_read_its_files_when_the_script_does(
         with watch.UtilitiesLocks() as locks:
             assert locks.holder(watch.GENERATE) == reloader
         assert panel.domain_path("doomed.test").exists()
+        # The script finds the server's word in a new log as well.
+        real_server.ERROR_LOG.rename(real_server.ERROR_LOG.with_suffix(".1"))
         with visitor("alias.test") as answer:
             let_go()
             assert answer.read().endswith(b"\r\n\r\nsecond.test")
