@@ -105,8 +105,8 @@ make_programs() {
         echo "<h1>The page of the $user</h1>" >"$site/web_users/$user/index.html"
         make_program "$site/web_users/$user/whoami.cgi" "the $user's program"
     done
-    printf '%s' '<p>It is <!--#echo var="SERVER_NAME" --></p>' >"$site/httpdocs/time.shtml"
-    cp "$site/httpdocs/time.shtml" "$vhosts/bakery.example/httpdocs/"
+    printf '%s' '<p>It is <!--#echo var="SERVER_NAME" --></p>' >"$site/httpdocs/name.shtml"
+    cp "$site/httpdocs/name.shtml" "$vhosts/bakery.example/httpdocs/"
 }
 
 make_scripts() {

@@ -48,7 +48,7 @@ def write_main_file(example=EXAMPLE, preamble=PREAMBLE):
     if not modules.is_symlink():
         modules.symlink_to(MODULES_D)
     (HTTPD_CONF_D / "mime.types").write_text("text/html html htm\ntext/plain txt\nimage/gif gif\n")
-    MAIN_FILE.write_text(f"Include {preamble}\nInclude {example}\n")
+    MAIN_FILE.write_text(f'Include "{preamble}"\nInclude "{example}"\n')
 
 
 def written_files():

@@ -123,8 +123,8 @@ def test_server_with_no_more_than_it_must_have_serves_less_and_shows_programs(pa
         shown.write_bytes(script.read_bytes())
         assert ask("lakeside.example", f"/{name}").text == script.read_text()
     # The handler and the filter, without which the modules do nothing.
-    page = HTTPD_VHOSTS_D / "lakeside.example/httpdocs/time.shtml"
-    assert ask("lakeside.example", "/time.shtml").text == page.read_text()
+    page = HTTPD_VHOSTS_D / "lakeside.example/httpdocs/name.shtml"
+    assert ask("lakeside.example", "/name.shtml").text == page.read_text()
     program = HTTPD_VHOSTS_D / "lakeside.example/httpdocs/whoami.cgi"
     program.write_bytes((HTTPD_VHOSTS_D / "lakeside.example/cgi-bin/whoami").read_bytes())
     assert ask("lakeside.example", "/whoami.cgi").text == program.read_text()
@@ -149,7 +149,7 @@ def test_server_without_modules_that_every_server_has_shows_programs_and_hides_p
     assert ask("/cgi-bin/whoami").text == (site / "cgi-bin/whoami").read_text()
     assert ask("/").status == 403
     assert ask("/index.html").status == 200
-    assert ask("/time.shtml").text == (site / "httpdocs/time.shtml").read_text()
+    assert ask("/name.shtml").text == (site / "httpdocs/name.shtml").read_text()
     assert ask("/~mayor/index.html").status == 404
 
 

@@ -244,8 +244,8 @@ def test_pages_of_web_users(server):
 
 
 def test_server_side_includes_where_they_are_on_and_where_not(server):
-    assert server.ask(TOWN, "lakeside.example", "/time.shtml").text == "<p>It is lakeside.example</p>"
-    assert server.ask(TOWN, "bakery.example", "/time.shtml").text == '<p>It is <!--#echo var="SERVER_NAME" --></p>'
+    assert server.ask(TOWN, "lakeside.example", "/name.shtml").text == "<p>It is lakeside.example</p>"
+    assert server.ask(TOWN, "bakery.example", "/name.shtml").text == '<p>It is <!--#echo var="SERVER_NAME" --></p>'
 
 
 @pytest.mark.parametrize("path, text", [
