@@ -202,6 +202,10 @@ def test_statistics_over_tls(server):
 def test_statistics_of_a_site_without_tls_are_shown_at_once(server):
     answer = server.ask(TOWN, "bücher.example", "/awstats-icon/clock.gif")
     assert (answer.status, answer.text) == (200, "GIF89a\n")
+    assert server.ask(TOWN, "bücher.example", "/quarry-stat/").status == 200
+    # Without a protection that says who, nobody may see the logs.
+    for path in ("/quarry-stat/logs/", "/quarry-stat/logs/access_log"):
+        assert server.ask(TOWN, "bücher.example", path, user="lakeside").status == 500
     assert server.ask(TOWN, "bakery.example", "/awstats-icon/clock.gif").status == 404
 
 
