@@ -188,7 +188,7 @@ check_state settle(check_run &run, double begin) {
 
 void report_syntax(check_run &run, const server_files &files) {
   if (files.syntax == verdict::not_tried)
-    note(run, files.syntax_words.empty() ? "the server was not asked" : files.syntax_words);
+    note(run, files.syntax_words.empty() ? "the server was not asked" : one_line(files.syntax_words));
   if (files.syntax == verdict::refused)
     run.result.add(kind::refused, SERVER_NAME, file_of_complaint(files.syntax_words),
                    one_line(files.syntax_words));
@@ -198,6 +198,8 @@ void survey_server(check_run &run, const server_files &files) {
   const std::string path = server_file_path();
   const live_file live = read_live_file(path);
   survey_site(run, SERVER_NAME, path, files.config, live);
+  // The distribution's own SSL host has it, too.
+  require_file(SERVER_NAME, std::string(HTTPD_CONF_D) + "/httpd.pem", run.survey);
   report_shared_faults(run.survey, run.result);
   check_descriptors(run.survey.log_files, run.result);
 }
@@ -216,6 +218,8 @@ bool check_surroundings(check_run &run) {
 
 // A run that goes on has work files too, and what is new since the list was read is no orphan.
 bool report_lying_files(check_run &run) {
+  if (run.lying.empty())
+    return true;
   char message[4097] = "";
   const unique_connection db = db_connect(message, sizeof message);
   site_list sites;
@@ -223,8 +227,12 @@ bool report_lying_files(check_run &run) {
     run.failure = db ? run.failure : message;
     return false;
   }
+  std::vector<std::string> names;
+  for (const tree_suspect &suspect : run.lying)
+    if (suspect.name != SERVER_NAME && (names.empty() || names.back() != suspect.name))
+      names.push_back(suspect.name);
   std::vector<tree_suspect> again;
-  if (!scan_tree(sites, run.named, db.get(), again, run.failure))
+  if (!scan_tree(sites, names, db.get(), again, run.failure))
     return false;
   for (const tree_suspect &suspect : again) {
     const bool seen = std::any_of(run.lying.begin(), run.lying.end(), [&](const tree_suspect &before) {

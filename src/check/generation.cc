@@ -238,5 +238,7 @@ generation_end generate_server(const placed_file_source &next, bool try_syntax, 
   reap_child(child, last_words);
   if (result.state == generation_state::failed && result.reason.empty())
     result.reason = last_words;
+  if (files.syntax == verdict::not_tried && files.syntax_words.empty())
+    files.syntax_words = last_words;
   return result;
 }

@@ -112,7 +112,7 @@ void faulty_file(survey_run &run, const std::string &path, const std::string &fa
   if (fault.empty() || !run.report)
     return;
   const auto [place, fresh] = run.survey.shared_faults.try_emplace(path, shared_fault{run.name, fault, 0});
-  if (!fresh && place->second.first_name != run.name)
+  if (!fresh)
     ++place->second.others;
 }
 
@@ -193,11 +193,17 @@ void survey_users(const std::string &name, const std::string &file, const std::s
   });
 }
 
+void require_file(const std::string &name, const std::string &path, host_survey &survey) {
+  if (!path_exists(path.c_str()))
+    survey.shared_faults.try_emplace(path, shared_fault{name, "is missing", 0});
+}
+
 void report_shared_faults(const host_survey &survey, check_result &result) {
   for (const auto &[path, shared] : survey.shared_faults) {
     std::string message = path + " " + shared.fault;
     if (shared.others > 0)
-      message += ", also for " + std::to_string(shared.others) + " more";
+      message +=
+          ", also for " + std::to_string(shared.others) + " other host" + (shared.others == 1 ? "" : "s");
     result.add(kind::unloadable, shared.first_name, path, message);
   }
 }

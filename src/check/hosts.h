@@ -38,5 +38,8 @@ void survey_configuration(const std::string &name, const std::string &text, bool
 void survey_users(const std::string &name, const std::string &file, const std::string &text,
                   check_result &result);
 
+// Counts a file as faulty when there is none.
+void require_file(const std::string &name, const std::string &path, host_survey &survey);
+
 // Reports what several hosts share, once.
 void report_shared_faults(const host_survey &survey, check_result &result);

@@ -22,6 +22,7 @@ struct view_state {
   unique_fd scratch; // memory that takes what is written
   unsigned covers = 0;
   std::vector<std::string> covered;      // real paths
+  std::vector<dev_t> devices;            // of the overlays
   std::vector<std::string> mount_points; // of the live machine
 };
 view_state view;
@@ -41,6 +42,13 @@ bool is_covered(const std::string &path) {
 std::string real_path(const char *path) {
   const unique_text resolved(realpath(path, nullptr));
   return resolved ? resolved.get() : "";
+}
+
+// Directories of an overlay have its own device number.
+bool is_in_overlay(const char *path) {
+  struct stat status;
+  return stat(path, &status) == 0 &&
+         std::find(view.devices.begin(), view.devices.end(), status.st_dev) != view.devices.end();
 }
 
 // Paths in mountinfo have blanks, line ends and backslashes as \040 and the like.
@@ -103,7 +111,11 @@ bool mount_overlay(int fd, const char *path) {
   const bounded_text layers(
       "lowerdir=/proc/self/fd/%d,upperdir=/proc/self/fd/%d/%s,workdir=/proc/self/fd/%d/%s", fd,
       view.scratch.fd, upper.c_str(), view.scratch.fd, work.c_str());
-  return mount("halyard-check", path, "overlay", MS_NOSUID | MS_NODEV, layers.c_str()) == 0;
+  if (mount("halyard-check", path, "overlay", MS_NOSUID | MS_NODEV, layers.c_str()) != 0 ||
+      stat(path, &status) != 0)
+    return false;
+  view.devices.push_back(status.st_dev);
+  return true;
 }
 
 // A file that is a mount of its own stays what it is, but cannot be written.
@@ -179,6 +191,8 @@ bool enter_view(std::string &reason) {
 }
 
 void include_domain_in_view(const char *domain) {
+  if (is_in_overlay(bounded_text("%s/%s/conf", HTTPD_VHOSTS_D, domain).c_str()))
+    return;
   for (const char *part : {"", "/conf"}) {
     const std::string path = real_path(bounded_text("%s/%s%s", HTTPD_VHOSTS_D, domain, part).c_str());
     if (!path.empty() && !is_covered(path))
