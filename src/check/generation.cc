@@ -24,7 +24,7 @@ namespace {
 constexpr std::size_t DOMAINS_OF_A_CHILD = 800;
 
 // Answers of a child: of its beginning, and of each domain.
-enum answer_code : int { READY, VIEW_REFUSED, EXIT_NO_DATABASE, WRITTEN, NOT_WRITTEN, BLOCKED };
+enum answer_code : int { READY, VIEW_REFUSED, UNCONNECTED, WRITTEN, NOT_WRITTEN, BLOCKED };
 
 bounded_text include_file_of(const std::string &domain) {
   return bounded_text("%s/%s/conf/httpd.include", HTTPD_VHOSTS_D, domain.c_str());
@@ -62,7 +62,7 @@ void enter_view_or_end(child_line &line) {
 unique_connection connect_or_end(child_line &line) {
   unique_connection db = db_connect_or_report();
   if (!db) {
-    send_answer(line, EXIT_NO_DATABASE, "");
+    send_answer(line, UNCONNECTED, "");
     _exit(0);
   }
   return db;
@@ -218,7 +218,7 @@ generation_end generate_server(const placed_file_source &next, bool try_syntax, 
   generation_end result;
   if (!receive_answer(child, answer) || answer.code != READY)
     result = early_end(answer);
-  else if (!receive_answer(child, answer) || answer.code == EXIT_NO_DATABASE)
+  else if (!receive_answer(child, answer) || answer.code == UNCONNECTED)
     result = early_end(answer);
   else {
     const bool ended = answer.code == BLOCKED;

@@ -16,6 +16,7 @@ namespace {
 
 constexpr char DOMAIN_FILE[] = "httpd.include";
 constexpr char SERVER_FILE[] = "zz010_kiv_httpd.conf";
+constexpr char WORKERS_FILE[] = "workers.properties";
 
 using directory_id = std::pair<dev_t, ino_t>;
 
@@ -127,6 +128,7 @@ bool scan_tree(const site_list &sites, const std::vector<std::string> &only, MYS
     if (!scan_site(scan, name))
       return false;
   scan_work_files(scan, SERVER_NAME, HTTPD_INCLUDE_D, SERVER_FILE);
+  scan_work_files(scan, SERVER_NAME, HTTPD_CONF_D, WORKERS_FILE);
   return true;
 }
 

@@ -155,9 +155,10 @@ def test_work_file_of_an_interrupted_run_is_left_over(panel, name):
     assert found[:3] == ("leftover", "shop.test", str(shop.directory / "conf" / name))
 
 
-def test_work_file_of_the_server_wide_file_is_left_over(panel):
+@pytest.mark.parametrize("file", [SERVER_FILE, WORKERS_FILE])
+def test_work_file_of_a_file_of_the_whole_server_is_left_over(panel, file):
     check.clean(panel)
-    path = SERVER_FILE.with_name(SERVER_FILE.name + ".new")
+    path = file.with_name(file.name + ".new")
     path.touch()
     assert check.only_finding(panel)[:3] == ("leftover", check.SERVER, str(path))
 
