@@ -1,5 +1,6 @@
 #include "check/view.h"
 
+#include "check/mirror.h"
 #include "env/config.h"
 #include "fs/handles.h"
 #include "fs/text.h"
@@ -139,18 +140,26 @@ bool cover_mounts_below(int top, const std::string &directory) {
   return true;
 }
 
+// Memory for the upper layers, out of sight below the first overlay.
+bool make_scratch(const std::string &directory) {
+  if (view.scratch.fd >= 0)
+    return true;
+  if (mount("halyard-check", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700") != 0)
+    return false;
+  view.scratch.reset(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return view.scratch.fd >= 0;
+}
+
 bool cover(const std::string &directory) {
   const unique_fd top(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (top.fd < 0)
     return false;
-  if (view.scratch.fd < 0) {
-    // Out of sight below the first overlay.
-    if (mount("halyard-check", directory.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700") != 0)
-      return false;
-    view.scratch.reset(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  }
-  if (view.scratch.fd < 0 || !mount_overlay(top.fd, directory.c_str()) ||
-      !cover_mounts_below(top.fd, directory))
+  // With all that is mounted below it, but without what will be mounted on it.
+  const unique_fd tree(
+      open_tree(AT_FDCWD, directory.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE));
+  const bool is_overlay = make_scratch(directory) && mount_overlay(top.fd, directory.c_str()) &&
+                          cover_mounts_below(top.fd, directory);
+  if (!is_overlay && !mirror_directory(tree.fd, directory))
     return false;
   view.covered.push_back(directory);
   return true;
@@ -185,14 +194,17 @@ bool enter_view(std::string &reason) {
   if (set_read_only("/", AT_RECURSIVE) != 0)
     return refused(reason, "no read-only mounts");
   for (const std::string &directory : written_directories())
-    if (!is_covered(directory) && !cover(directory))
-      return refused(reason, bounded_text("no overlay over %s", directory.c_str()).c_str());
+    if (is_covered(directory))
+      unfold_directory(directory);
+    else if (!cover(directory))
+      return refused(reason, bounded_text("no private copy of %s", directory.c_str()).c_str());
   return true;
 }
 
 void include_domain_in_view(const char *domain) {
   if (is_in_overlay(bounded_text("%s/%s/conf", HTTPD_VHOSTS_D, domain).c_str()))
     return;
+  unfold_domain(bounded_text("%s/%s", real_path(HTTPD_VHOSTS_D).c_str(), domain).c_str());
   for (const char *part : {"", "/conf"}) {
     const std::string path = real_path(bounded_text("%s/%s%s", HTTPD_VHOSTS_D, domain, part).c_str());
     if (!path.empty() && !is_covered(path))

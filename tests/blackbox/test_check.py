@@ -568,3 +568,55 @@ def test_burst_of_changes_is_no_finding(panel):
     for run in checks:
         result = run.result()
         assert (result.status, json.loads(result.out)["findings"]) == (0, [])
+
+
+# Machines that allow less
+
+def refuse_overlays_over(directory):
+    """Two overlays on top of each other are all that the kernel stacks."""
+    for layer in ("first", "second"):
+        scratch = pathlib.Path(f"/run/mysqld/{layer}")
+        scratch.mkdir()
+        subprocess.run(["mount", "-t", "tmpfs", "layers", scratch], check=True)
+        (scratch / "upper").mkdir()
+        (scratch / "work").mkdir()
+        subprocess.run(["mount", "-t", "overlay", "-o",
+                        f"lowerdir={directory},upperdir={scratch}/upper,workdir={scratch}/work", "layers", directory],
+                       check=True)
+
+
+@pytest.fixture
+def stacked(panel):
+    """A clean panel whose directories take no further overlay."""
+    sites = check.clean(panel)
+    panel.sql("UPDATE hosting SET miva = 'true'")
+    panel.sql("UPDATE subdomains SET miva = 'true'")
+    check.rebuild(panel)
+    directories = [HTTPD_VHOSTS_D, SERVER_FILE.parent.parent]
+    for directory in directories:
+        refuse_overlays_over(directory)
+        for scratch in ("first", "second"):
+            subprocess.run(["umount", "--lazy", f"/run/mysqld/{scratch}"], check=True)
+            os.rmdir(f"/run/mysqld/{scratch}")
+    yield sites
+    for directory in reversed(directories):
+        subprocess.run(["umount", "--lazy", directory], check=True)
+        subprocess.run(["umount", "--lazy", directory], check=True)
+
+
+def test_where_overlays_are_refused_a_copy_in_memory_serves_as_well(panel, stacked):
+    assert check.findings(panel) == []
+    shop, cafe = stacked
+    append(shop.directory / INCLUDE)
+    (cafe.directory / INCLUDE).unlink()
+    (cafe.directory / "conf/vhost.conf").write_text("# rules\n")
+    check.site(panel, "new.test")
+    before = check.live_tree(), check.mounts()
+    found = check.findings(panel)
+    assert [row[:2] for row in found] == [
+        ("stale", "shop.test"), ("stale", check.SERVER), ("missing", "cafe.test"), ("missing", "new.test")]
+    diff = check.run(panel, "--diff").out_bytes
+    assert (check.live_tree(), check.mounts()) == before
+    subprocess.run(["git", "apply", "-p1", "-"], cwd="/", input=diff, check=True)
+    assert check.findings(panel) == []
+    assert "vhost.conf" in (cafe.directory / INCLUDE).read_text()
