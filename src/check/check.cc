@@ -23,9 +23,13 @@
 namespace {
 
 constexpr std::size_t NOTES_MAX = 20;
+constexpr char CONFIG_FILE[] = "/etc/kiv/kiv.conf";
+constexpr double NEVER = 1e18; // seconds since the epoch
 
 // Everything that a rebuild needs before its first domain, tried where its failure ends nothing.
 void prepare() {
+  if (access(CONFIG_FILE, R_OK) != 0)
+    end_run("%s cannot be read: %s", CONFIG_FILE, std::strerror(errno));
   load_product_config();
   const unique_connection db = db_connect_or_report();
   if (!db)
@@ -116,7 +120,7 @@ void survey_site(check_run &run, const std::string &name, const std::string &pat
                  const live_file &live) {
   const std::string &text = file.what == outcome::written ? file.text : live.text;
   survey_configuration(name, text, true, run.survey, run.result);
-  survey_users(name, path, live.text, run.result);
+  survey_users(name, path, live.text, run.survey, run.result);
 }
 
 void take_domain(check_run &run, std::size_t index, generated_file &&file) {
@@ -168,20 +172,20 @@ check_state check_server(check_run &run, bool try_syntax, server_files &files) {
 check_state settle(check_run &run, double begin) {
   constexpr double GRACE = .3;
   constexpr double LONGEST = 20;
-  constexpr int ROUNDS_BESIDE_SLEEPERS = 4;
-  constexpr double NEVER = 1e18;
+  constexpr std::size_t MANY = 200;
   const double give_up = monotonic_seconds() + LONGEST;
-  for (int round = 0; is_in_doubt(run.drift) && monotonic_seconds() < give_up; ++round) {
+  while (is_in_doubt(run.drift) && monotonic_seconds() < give_up) {
     usleep(static_cast<useconds_t>(GRACE * 1e6));
-    const bool moving = is_generating() || has_live_file_changed(run.drift, round == 0 ? begin : NEVER);
-    if (!moving && (round >= ROUNDS_BESIDE_SLEEPERS || !is_halyard_running()))
+    if (!is_generating() && !is_halyard_starting() && !has_live_file_changed(run.drift, begin))
       return check_state::done;
+    const bool are_many = doubtful_domains(run.drift).size() > MANY; // that is no single change
     server_files files;
     check_state state = check_again(run);
     if (state == check_state::done)
       state = check_server(run, false, files);
-    if (state != check_state::done)
+    if (state != check_state::done || are_many)
       return state;
+    begin = NEVER; // what has changed before this has been seen
   }
   return check_state::done;
 }

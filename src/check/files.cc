@@ -2,15 +2,27 @@
 
 #include "fs/handles.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 
+namespace {
+
+constexpr off_t LARGEST_FILE = 64 << 20; // nothing that anybody generates or edits by hand
+
+} // namespace
+
 bool read_whole_file(const char *path, std::string &text, struct stat &status) {
-  const unique_fd file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const unique_fd file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_NOATIME | O_CLOEXEC));
   if (file.fd < 0 || fstat(file.fd, &status) != 0)
     return false;
   if (!S_ISREG(status.st_mode)) {
     errno = EINVAL;
+    return false;
+  }
+  if (status.st_size > LARGEST_FILE) {
+    errno = EFBIG;
     return false;
   }
   text.resize(static_cast<std::size_t>(status.st_size) + 1); // one more shows the end at once
@@ -28,4 +40,17 @@ bool read_whole_file(const char *path, std::string &text, struct stat &status) {
 bool read_whole_file(const char *path, std::string &text) {
   struct stat status;
   return read_whole_file(path, text, status);
+}
+
+std::vector<std::string> entries_of(const std::string &directory) {
+  std::vector<std::string> names;
+  unique_fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_NOATIME | O_CLOEXEC));
+  const unique_dir stream(fd.fd >= 0 ? fdopendir(fd.fd) : nullptr);
+  if (stream)
+    static_cast<void>(fd.release()); // the stream's now
+  while (const dirent *entry = stream ? readdir(stream.get()) : nullptr)
+    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
+      names.emplace_back(entry->d_name);
+  std::sort(names.begin(), names.end());
+  return names;
 }

@@ -4,10 +4,14 @@
 
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
-// The content of a regular file. Returns false with errno set when there is none or it cannot be read; ELOOP for a
-// link, EINVAL for anything else that is no file.
+// The content of a regular file, its time of access untouched. Returns false with errno set when there is none or it
+// cannot be read; ELOOP for a link, EINVAL for anything else that is no file, EFBIG beyond 64 MiB.
 bool read_whole_file(const char *path, std::string &text);
 
 // The same with what fstat said of the file that was read.
 bool read_whole_file(const char *path, std::string &text, struct stat &status);
+
+// Names of a directory's entries but "." and "..", in the order of their bytes; none when it cannot be read.
+std::vector<std::string> entries_of(const std::string &directory);

@@ -165,6 +165,18 @@ void look_at(survey_run &run, const directive &line) {
       row.look(run, line);
 }
 
+// A user that has come meanwhile is no finding.
+bool is_user_gone(const std::string &user) {
+  return !user_exists(user.c_str()) && getpwnam(user.c_str()) == nullptr;
+}
+
+bool is_group_gone(const std::string &group, host_survey &survey) {
+  const auto [place, fresh] = survey.groups.try_emplace(group, true);
+  if (fresh)
+    place->second = getgrnam(group.c_str()) != nullptr;
+  return !place->second;
+}
+
 } // namespace
 
 void survey_configuration(const std::string &name, const std::string &text, bool report, host_survey &survey,
@@ -176,20 +188,17 @@ void survey_configuration(const std::string &name, const std::string &text, bool
 }
 
 void survey_users(const std::string &name, const std::string &file, const std::string &text,
-                  check_result &result) {
-  std::set<std::string> seen;
+                  host_survey &survey, check_result &result) {
+  std::set<std::string> gone;
   for_each_directive(text, [&](const directive &line) {
     if (line.name != "suexecusergroup" || line.words.size() < 2)
       return;
-    const std::string &user = line.words[0];
-    const std::string &group = line.words[1];
-    // A user that has come meanwhile is no finding.
-    if (seen.insert(user).second && !user_exists(user.c_str()) && getpwnam(user.c_str()) == nullptr)
+    if (is_user_gone(line.words[0]) && gone.insert(line.words[0]).second)
       result.add(kind::unloadable, name, file,
-                 "the installed file runs programs as " + user + ", who is gone");
-    if (seen.insert(":" + group).second && getgrnam(group.c_str()) == nullptr)
+                 "the installed file runs programs as " + line.words[0] + ", who is gone");
+    if (is_group_gone(line.words[1], survey) && gone.insert(":" + line.words[1]).second)
       result.add(kind::unloadable, name, file,
-                 "the installed file names the group " + group + ", which is gone");
+                 "the installed file names the group " + line.words[1] + ", which is gone");
   });
 }
 

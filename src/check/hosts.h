@@ -26,6 +26,7 @@ struct host_survey {
   std::unordered_map<std::uint64_t, claim> claims;                 // by address, port and name
   std::unordered_map<std::string, std::string> certificate_faults; // by path; "" for none
   std::unordered_map<std::string, shared_fault> shared_faults;     // by path
+  std::unordered_map<std::string, bool> groups;                    // whether there is one
   std::size_t log_files = 0;
 };
 
@@ -36,7 +37,7 @@ void survey_configuration(const std::string &name, const std::string &text, bool
 
 // Looks for users of SuexecUserGroup that are gone, in the text of an installed file.
 void survey_users(const std::string &name, const std::string &file, const std::string &text,
-                  check_result &result);
+                  host_survey &survey, check_result &result);
 
 // Counts a file as faulty when there is none.
 void require_file(const std::string &name, const std::string &path, host_survey &survey);

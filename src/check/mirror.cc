@@ -1,5 +1,6 @@
 #include "check/mirror.h"
 
+#include "check/files.h"
 #include "fs/handles.h"
 #include "fs/text.h"
 
@@ -17,16 +18,6 @@ constexpr char LIVE[] = ".halyard-check-live";
 
 std::vector<std::string> mirrored; // directories, of the calling process
 
-std::vector<std::string> entries_of(const std::string &directory) {
-  std::vector<std::string> names;
-  const unique_dir stream(opendir(directory.c_str()));
-  while (const dirent *entry = stream ? readdir(stream.get()) : nullptr)
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0 &&
-        std::strcmp(entry->d_name, LIVE) != 0)
-      names.emplace_back(entry->d_name);
-  return names;
-}
-
 // The text of a link; "" for anything else.
 std::string link_text(const std::string &path) {
   char text[TEXT_SIZE];
@@ -38,7 +29,8 @@ std::string link_text(const std::string &path) {
 bool link_entries(const std::string &live, const std::string &copy) {
   for (const std::string &entry : entries_of(live)) {
     const std::string own = link_text(live + "/" + entry);
-    if (symlink((own.empty() ? live + "/" + entry : own).c_str(), (copy + "/" + entry).c_str()) != 0)
+    if (entry != LIVE &&
+        symlink((own.empty() ? live + "/" + entry : own).c_str(), (copy + "/" + entry).c_str()) != 0)
       return false;
   }
   return true;

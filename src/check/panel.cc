@@ -12,9 +12,13 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 
 namespace {
+
+// Longer than it takes from the start of a run to the lock.
+constexpr double YOUNG_SECONDS = 10;
 
 unique_result select(MYSQL *db, const char *query, std::string &failure) {
   unique_result result = db_select(db, query);
@@ -40,6 +44,29 @@ bool select_name(MYSQL *db, const std::string &name, std::string &stored, std::s
 
 bool is_number(const char *text) {
   return text[std::strspn(text, "0123456789")] == '\0';
+}
+
+// Seconds since the process was started; endless for one that is no halyard.
+double age_of_halyard(const char *pid) {
+  std::string stat;
+  const std::string name = "(halyard";
+  constexpr double ENDLESS = 1e18;
+  if (!read_whole_file(bounded_text("/proc/%s/stat", pid).c_str(), stat))
+    return ENDLESS;
+  const std::size_t name_end = stat.rfind(") ");
+  if (name_end == std::string::npos || name_end < name.size() ||
+      stat.compare(name_end - name.size(), name.size(), name) != 0)
+    return ENDLESS;
+  // The state is field 3, the start in ticks since the system's is field 22.
+  std::size_t at = name_end + 1;
+  for (int field = 3; field < 22 && at != std::string::npos; ++field)
+    at = stat.find(' ', at + 1);
+  if (at == std::string::npos)
+    return ENDLESS;
+  timespec now;
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  const double started = std::strtod(stat.c_str() + at, nullptr) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 - started;
 }
 
 } // namespace
@@ -103,12 +130,10 @@ bool is_generating() {
   return file.fd >= 0 && fcntl(file.fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-bool is_halyard_running() {
+bool is_halyard_starting() {
   const unique_dir processes(opendir("/proc"));
-  std::string name;
   while (const dirent *entry = processes ? readdir(processes.get()) : nullptr)
-    if (is_number(entry->d_name) &&
-        read_whole_file(bounded_text("/proc/%s/comm", entry->d_name).c_str(), name) && name == "halyard\n")
+    if (is_number(entry->d_name) && age_of_halyard(entry->d_name) < YOUNG_SECONDS)
       return true;
   return false;
 }

@@ -30,5 +30,6 @@ bool read_subdomains(MYSQL *db, const std::string &domain, std::unordered_set<st
 // Whether a run of halyard holds the lock under which it generates. The lock is looked at, never taken.
 bool is_generating();
 
-// Whether any halyard is there: at work, waiting for its turn, or until it may restart the server.
-bool is_halyard_running();
+// Whether a halyard has been started in the last seconds, and may be on its way to that lock. Older ones wait until they
+// may restart the server.
+bool is_halyard_starting();

@@ -28,16 +28,6 @@ struct tree_scan {
   std::set<directory_id> active_directories{}; // filled when first needed
 };
 
-std::vector<std::string> entries_of(const std::string &directory) {
-  std::vector<std::string> names;
-  const unique_dir stream(opendir(directory.c_str()));
-  while (const dirent *entry = stream ? readdir(stream.get()) : nullptr)
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-      names.emplace_back(entry->d_name);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 void suspect(tree_scan &scan, kind what, const std::string &name, const std::string &path,
              const std::string &message) {
   tree_suspect found{.what = what, .name = name, .path = path, .message = message, .status = {}};

@@ -52,6 +52,17 @@ def test_check_touches_no_byte_mode_or_time_and_no_row(panel):
     assert check.processes() == []
 
 
+def test_check_leaves_the_times_of_access_alone(panel):
+    shop, _ = check.clean(panel)
+    append(shop.directory / INCLUDE)
+    paths = [path for root in (HTTPD_VHOSTS_D, SERVER_FILE.parent.parent) for path in [root, *root.rglob("*")]]
+    for path in paths:
+        os.utime(path, ns=(10 ** 9, path.stat().st_mtime_ns))
+    assert check.run(panel).status == 1
+    assert check.run(panel, "--diff").status == 1
+    assert [str(path) for path in paths if path.lstat().st_atime_ns != 10 ** 9] == []
+
+
 def test_check_takes_no_lock_that_a_run_waits_for(panel):
     check.clean(panel)
     append(SERVER_FILE)
@@ -102,6 +113,13 @@ def test_link_in_the_place_of_a_file_is_stale(panel):
     (shop.directory / INCLUDE).symlink_to("elsewhere")
     found = check.only_finding(panel)
     assert found.kind == "stale" and "is a link and would be replaced by a file" in found.message
+
+
+def test_file_of_a_size_that_nobody_wrote_is_stale_at_once(panel):
+    shop, _ = check.clean(panel)
+    os.truncate(shop.directory / INCLUDE, 1 << 40)
+    found = check.only_finding(panel)
+    assert found.kind == "stale" and found.message.endswith("; cannot be read: File too large")
 
 
 def test_file_that_is_not_there_is_missing(panel):
@@ -477,7 +495,7 @@ def test_formats_exclude_each_other(panel):
 
 def test_missing_configuration(panel):
     KIV_CONF.unlink()
-    fails(panel, "PRODUCT_ROOT_D not defined")
+    fails(panel, "/etc/kiv/kiv.conf cannot be read: No such file or directory")
 
 
 def test_missing_key(panel):
