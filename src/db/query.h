@@ -26,6 +26,16 @@ unique_result db_store_result(MYSQL *db);
 // Runs a statement; rows that it gives must be stored before the next one. Returns false, unreported, when it failed.
 bool db_execute(MYSQL *db, const char *sql);
 
+// Sends a statement that is certain to be the next one run on the connection, behind those sent ahead before it, so that
+// the server works on it while we do something else. It is run all the same: db_execute, given this very text at its
+// turn, then takes the answer only, and fails as if it had been sent then. A statement that cannot be sent now, and all
+// behind it, are simply sent at their turns. A run that ends with statements ahead leaves them without anybody to hear
+// the answer, so they must change nothing.
+void db_send_ahead(MYSQL *db, const char *sql);
+
+// Takes and forgets the answers of all statements that were sent ahead: their turns will not come.
+void db_drop_ahead(MYSQL *db);
+
 // Whether the last thing that failed on the connection, if anything did, was the client's own.
 bool db_is_unusable(MYSQL *db);
 
