@@ -52,18 +52,22 @@ const char *get_exist_case_dom_name(const char *name) {
   return stored_name;
 }
 
+bounded_text www_records_query(const char *dom_id) {
+  assert_quotable(dom_id, "get.c", __LINE__, "get_www_prefix");
+  return bounded_text("select * from domains d, dns_zone z, dns_recs r "
+                      "\t\twhere d.id='%s' and d.dns_zone_id=z.id and r.dns_zone_id=z.id "
+                      "\t\tand ((r.type='A') or (r.type='CNAME')) \t\tand left(r.host,4)='www.'",
+                      dom_id);
+}
+
 int get_www_prefix(const char *dom_id, MYSQL *db) {
-  ASSERT_QUOTABLE(dom_id, "get.c");
+  const bounded_text records = www_records_query(dom_id);
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
     report_failure(0, 0, NO_CONNECTION);
     return -1;
   }
 
-  const bounded_text records("select * from domains d, dns_zone z, dns_recs r "
-                             "\t\twhere d.id='%s' and d.dns_zone_id=z.id and r.dns_zone_id=z.id "
-                             "\t\tand ((r.type='A') or (r.type='CNAME')) \t\tand left(r.host,4)='www.'",
-                             dom_id);
   unique_result result = db_select(connection.handle, records.c_str());
   if (!result) {
     report_failure(0, 0, "Unable to query www prefix: %s\n", mysql_error(connection.handle));

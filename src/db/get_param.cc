@@ -43,17 +43,21 @@ const char *get_domain_htype(const char *dom_id, MYSQL *db) {
   return get_param_simple(dom_id, "domains", "id", "htype", db);
 }
 
+bounded_text dom_param_query(const char *dom_id, const char *param) {
+  assert_quotable(dom_id, "get.c", __LINE__, "get_dom_param"); // the panel's support knows it by this file
+  assert_quotable(param, "get.c", __LINE__, "get_dom_param");
+  return bounded_text("select val from dom_param where dom_id='%s' and param='%s'", dom_id, param);
+}
+
 const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db) {
   static char value[TEXT_SIZE];
 
-  ASSERT_QUOTABLE(dom_id, "get.c"); // the panel's support knows it by this file
-  ASSERT_QUOTABLE(param, "get.c");
+  const bounded_text query = dom_param_query(dom_id, param);
   const connection_scope connection(db);
   if (connection.handle == nullptr) {
     report_failure(0, 0, "Unable to connect to mysql database\n");
     return nullptr;
   }
-  const bounded_text query("select val from dom_param where dom_id='%s' and param='%s'", dom_id, param);
   const unique_result result = db_select(connection.handle, query.c_str());
   if (!result) {
     report_failure(0, 0, "Unable to query domain parameter %s: %s\n", param, mysql_error(connection.handle));

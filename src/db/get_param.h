@@ -1,6 +1,8 @@
 // The panel's settings: name/value rows of `misc`, and lookups of the same shape. Query conventions: db/connection.h.
 #pragma once
 
+#include "fs/text.h"
+
 #include <mysql.h>
 
 // 1 when one piped log for all hosts replaces their own access logs: the setting "apache_pipelog", once main has read
@@ -23,6 +25,9 @@ bool is_usable_setting(const char *value);
 
 // Hosting type of the domain with this id (decimal text).
 const char *get_domain_htype(const char *dom_id, MYSQL *db);
+
+// The statement of get_dom_param.
+bounded_text dom_param_query(const char *dom_id, const char *param);
 
 // Value of the domain's setting `param`, "" when it is absent or null; null after a report. Static buffer of its own.
 const char *get_dom_param(const char *dom_id, const char *param, MYSQL *db);

@@ -6,15 +6,19 @@
 
 #include <vector>
 
+bounded_text service_status_query(const char *dom_id, const char *type) {
+  assert_quotable(dom_id, "service.c", __LINE__, "get_service_status");
+  assert_quotable(type, "service.c", __LINE__, "get_service_status");
+  return bounded_text("select status from DomainServices where dom_id='%s' and type='%s'", dom_id, type);
+}
+
 int get_service_status(const char *dom_id, const char *type, MYSQL *db) {
-  ASSERT_QUOTABLE(dom_id, "service.c");
-  ASSERT_QUOTABLE(type, "service.c");
+  const bounded_text query = service_status_query(dom_id, type);
   connection_scope connection(db);
   if (connection.handle == nullptr) {
     report_failure(0, 0, NO_CONNECTION);
     return -1;
   }
-  const bounded_text query("select status from DomainServices where dom_id='%s' and type='%s'", dom_id, type);
   const unique_result result = db_select(connection.handle, query.c_str());
   if (!result) {
     report_failure(0, 0, "Unable to define %s status: %s", type, mysql_error(connection.handle));

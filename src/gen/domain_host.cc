@@ -10,15 +10,20 @@
 
 namespace {
 
+constexpr char CGI_PROTECTION[] = "cgi_bin"; // flag of protected_dirs for both kinds of host
+
+bounded_text aliases_query(const domain_record &domain) {
+  return bounded_text("select name \t\t\t\tfrom domainaliases "
+                      "where status='0' and web='true' and dom_id=%s",
+                      domain.id);
+}
+
 void print_server_aliases(FILE *out, const domain_record &domain, bool www, MYSQL *db) {
   if (www) {
     fprintf(out, "\tServerAlias  www.%s\n", domain.name);
     fprintf(out, "\tUseCanonicalName Off\n");
   }
-  const bounded_text query("select name \t\t\t\tfrom domainaliases "
-                           "where status='0' and web='true' and dom_id=%s",
-                           domain.id);
-  const unique_result aliases = db_select_or_end_run(db, query.c_str(), "Unable to query");
+  const unique_result aliases = db_select_or_end_run(db, aliases_query(domain).c_str(), "Unable to query");
   while (MYSQL_ROW row = mysql_fetch_row(aliases.get())) {
     fprintf(out, "\tServerAlias  %s\n", row[0]);
     if (www)
@@ -112,11 +117,15 @@ void switch_web_users_off(FILE *out, const domain_record &domain) {
   fprintf(out, "\t</Directory>\n");
 }
 
+bounded_text web_users_query(const domain_record &domain) {
+  return bounded_text("select u.login, w.ssi, w.php, w.cgi, w.perl, w.asp, w.python, w.fastcgi "
+                      "\t\t\t\t\tfrom web_users w, sys_users u where w.sys_user_id=u.id and w.dom_id=%s",
+                      domain.id);
+}
+
 void print_web_users(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
-  const bounded_text query("select u.login, w.ssi, w.php, w.cgi, w.perl, w.asp, w.python, w.fastcgi "
-                           "\t\t\t\t\tfrom web_users w, sys_users u where w.sys_user_id=u.id and w.dom_id=%s",
-                           domain.id);
-  const unique_result users = db_select_or_end_run(db, query.c_str(), kind.web_user_failure);
+  const unique_result users =
+      db_select_or_end_run(db, web_users_query(domain).c_str(), kind.web_user_failure);
   while (MYSQL_ROW row = mysql_fetch_row(users.get()))
     print_web_user(out, domain, row);
 }
@@ -136,10 +145,13 @@ const char *behind_quarry_stat(const char *path) {
   return path + LENGTH;
 }
 
+bounded_text protections_query(const domain_record &domain, const char *flag) {
+  return bounded_text("select p.realm, p.path from protected_dirs p where p.dom_id=%s and p.%s='true'",
+                      domain.id, flag);
+}
+
 unique_result select_protections(const domain_record &domain, const char *flag, MYSQL *db) {
-  const bounded_text query("select p.realm, p.path from protected_dirs p where p.dom_id=%s and p.%s='true'",
-                           domain.id, flag);
-  return db_select_or_end_run(db, query.c_str(), "Unable to query");
+  return db_select_or_end_run(db, protections_query(domain, flag).c_str(), "Unable to query");
 }
 
 void print_document_protections(FILE *out, const domain_record &domain, const host_kind &kind,
@@ -160,7 +172,7 @@ void print_document_protections(FILE *out, const domain_record &domain, const ho
 }
 
 void print_cgi_protections(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
-  const unique_result rows = select_protections(domain, "cgi_bin", db);
+  const unique_result rows = select_protections(domain, CGI_PROTECTION, db);
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     const char *path = without_leading_slash(row[1]);
     const bounded_text relative("%s%s", path[0] != '\0' ? "cgi-bin/" : kind.cgi_root, path);
@@ -178,6 +190,17 @@ int print_custom_includes(FILE *out, const domain_record &domain, const host_kin
 }
 
 } // namespace
+
+void send_domain_host_ahead(const domain_record &domain, const domain_settings &settings,
+                            const host_kind &kind, MYSQL *db) {
+  db_send_ahead(db, aliases_query(domain).c_str());
+  if (settings.wu_script)
+    db_send_ahead(db, web_users_query(domain).c_str());
+  db_send_ahead(db, protections_query(domain, kind.protection_column).c_str());
+  db_send_ahead(db, protections_query(domain, CGI_PROTECTION).c_str());
+  if (settings.tomcat_status == 0)
+    db_send_ahead(db, tomcat_query(domain.id).c_str());
+}
 
 int print_domain_host(FILE *out, const domain_record &domain, const domain_settings &settings,
                       const host_kind &kind, MYSQL *db) {

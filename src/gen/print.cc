@@ -232,12 +232,16 @@ int print_error_doc(FILE *out, const char *error_docs, const char *status, const
   return 0;
 }
 
-void print_tomcat(FILE *out, const char *dom_id, const char *domain, MYSQL *db) {
-  assert_quotable(dom_id, "print", __LINE__, __func__);
-  const bounded_text query(
+bounded_text tomcat_query(const char *dom_id) {
+  assert_quotable(dom_id, "print", __LINE__, "print_tomcat");
+  return bounded_text(
       "select name from WebApps a, DomainServices s "
       "\t\twhere (a.status = 0) and a.domain_service_id=s.id and s.type='tomcat' and s.dom_id='%s'",
       dom_id);
+}
+
+void print_tomcat(FILE *out, const char *dom_id, const char *domain, MYSQL *db) {
+  const bounded_text query = tomcat_query(dom_id);
   const bounded_text failure("Unable to select webapps for %s", domain);
   const unique_result result = db_select_or_end_run(db, query.c_str(), failure.c_str());
   while (MYSQL_ROW row = mysql_fetch_row(result.get()))

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "driver/report.h"
+#include "fs/text.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -49,6 +50,9 @@ int print_error_docs(FILE *out, const char *domain);
 
 // One of them: nothing when the page is missing. Returns likewise.
 int print_error_doc(FILE *out, const char *error_docs, const char *status, const char *page);
+
+// The statement of print_tomcat.
+bounded_text tomcat_query(const char *dom_id);
 
 // The domain's active Tomcat web applications. Ends the run when they cannot be queried.
 void print_tomcat(FILE *out, const char *dom_id, const char *domain, MYSQL *db);

@@ -23,6 +23,9 @@
 namespace {
 
 constexpr char LIST_FAILURE[] = "Unable to define virtual hosts parameters";
+constexpr char TOMCAT[] = "tomcat";
+constexpr char ERROR_DOCS[] = "apacheErrorDocs";
+constexpr char WEB_USER_SCRIPTS[] = "wu_script";
 
 void require_domain_name(const char *domain) {
   if (is_empty(domain))
@@ -34,19 +37,15 @@ void require_plain_name(const char *domain) {
     end_run("Domain name %s cannot be a part of a path\n", domain);
 }
 
-unique_result select_domain(const char *domain, MYSQL *db) {
-  return select_by_domain_name(
-      db,
-      "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
-      "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
-      "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
-      "\th.traffic_bandwidth, h.max_connection "
-      "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
-      "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
-      "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
-      "\tand d.name=",
-      domain, LIST_FAILURE);
-}
+constexpr char DOMAIN_RECORD_OF[] =
+    "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
+    "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
+    "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
+    "\th.traffic_bandwidth, h.max_connection "
+    "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
+    "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
+    "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
+    "\tand d.name=";
 
 domain_record decode_row(const char *name, MYSQL_ROW row) {
   return {
@@ -88,26 +87,37 @@ int print_domain_hosts(FILE *out, const domain_record &domain, const domain_sett
   return print_domain_host(out, domain, settings, PLAIN_HOST, db);
 }
 
-// A name that leads elsewhere must not stop the others, so it is left out here where it would end its own run.
-void create_each(const unique_result &domains, MYSQL *db) {
-  while (MYSQL_ROW row = mysql_fetch_row(domains.get())) {
-    if (!is_empty(row[1]) && !is_plain_name(row[1]))
-      report_failure(0, 0, "Domain name %s cannot be a part of a path, virtual host skipped\n", row[1]);
-    else
-      create_vhost_config(row[1], db);
-  }
+// What is certain to be asked for a domain, each part as soon as it is: what its record tells ...
+void send_first_lookups_ahead(const domain_record &domain, MYSQL *db) {
+  const errno_guard keep;
+  db_send_ahead(db, service_status_query(domain.id, TOMCAT).c_str());
+  if (user_exists(domain.login)) // or the domain is skipped
+    db_send_ahead(db, www_records_query(domain.id).c_str());
 }
 
-} // namespace
-
-bounded_text include_file_of(const char *domain) {
-  return bounded_text("%s/%s/conf/httpd.include", HTTPD_VHOSTS_D, domain);
+// ... what is asked behind the www prefix ...
+void send_other_lookups_ahead(const domain_record &domain, MYSQL *db) {
+  db_send_ahead(db, anon_ftp_query(domain.id).c_str());
+  db_send_ahead(db, dom_param_query(domain.id, ERROR_DOCS).c_str());
+  db_send_ahead(db, dom_param_query(domain.id, WEB_USER_SCRIPTS).c_str());
 }
 
-int create_vhost_config(const char *name, MYSQL *db) {
+// ... and what the hosts ask.
+void send_hosts_ahead(const domain_record &domain, const domain_settings &settings, MYSQL *db) {
+  if (domain.coldfusion)
+    return;
+  if (domain.ssl)
+    send_domain_host_ahead(domain, settings, SSL_HOST, db);
+  send_domain_host_ahead(domain, settings, PLAIN_HOST, db);
+  send_subdomains_ahead(domain.name, db);
+}
+
+// create_vhost_config but for what a domain that is skipped leaves ahead. `next` is the domain whose turn is next if
+// this one is not skipped, or null.
+int write_domain_file(const char *name, const char *next, MYSQL *db) {
   const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
   require_domain_name(name);
-  const unique_result result = select_domain(name, db);
+  const unique_result result = select_by_domain_name(db, DOMAIN_RECORD_OF, name, LIST_FAILURE);
   MYSQL_ROW row = mysql_fetch_row(result.get());
   if (row == nullptr) {
     report_failure(0, 0, "Virtual host parameters not found.\n");
@@ -115,7 +125,8 @@ int create_vhost_config(const char *name, MYSQL *db) {
   }
   require_plain_name(name);
   const domain_record domain = decode_row(name, row);
-  const int tomcat_status = get_service_status(domain.id, "tomcat", db);
+  send_first_lookups_ahead(domain, db);
+  const int tomcat_status = get_service_status(domain.id, TOMCAT, db);
   const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
 
   staged_file file = open_staged_file(include_file_of(name));
@@ -124,13 +135,15 @@ int create_vhost_config(const char *name, MYSQL *db) {
     return -1;
   }
   const bool www = get_www_prefix(domain.id, db) != 0; // a database that cannot tell counts as yes
-  get_anon_ftp(domain.id, db);                         // asked for the report on a broken table only
+  send_other_lookups_ahead(domain, db);
+  get_anon_ftp(domain.id, db); // asked for the report on a broken table only
   const domain_settings settings = {
       .tomcat_status = tomcat_status,
       .www = www,
-      .error_docs = is_flag_set(get_dom_param(domain.id, "apacheErrorDocs", db)),
-      .wu_script = is_flag_set(get_dom_param(domain.id, "wu_script", db)),
+      .error_docs = is_flag_set(get_dom_param(domain.id, ERROR_DOCS, db)),
+      .wu_script = is_flag_set(get_dom_param(domain.id, WEB_USER_SCRIPTS, db)),
   };
+  send_hosts_ahead(domain, settings, db);
 
   FILE *out = file.out.get();
   if (print_domain_hosts(out, domain, settings, db) != 0) {
@@ -144,8 +157,41 @@ int create_vhost_config(const char *name, MYSQL *db) {
     report_failure(0, 0, "Error in print subdomains configuration for %s\n", name);
     return -1;
   }
+  if (next != nullptr)
+    send_by_domain_name_ahead(db, DOMAIN_RECORD_OF, next);
   install_staged_file(std::move(file));
   return 0;
+}
+
+int create_domain_file(const char *name, const char *next, MYSQL *db) {
+  const int result = write_domain_file(name, next, db);
+  if (result != 0)
+    db_drop_ahead(db);
+  return result;
+}
+
+// A name that leads elsewhere must not stop the others, so it is left out here where it would end its own run.
+void create_each(const unique_result &domains, MYSQL *db) {
+  MYSQL_ROW row = mysql_fetch_row(domains.get());
+  while (row != nullptr) {
+    const char *name = row[1];
+    row = mysql_fetch_row(domains.get());
+    const char *next = row != nullptr && is_plain_name(row[1]) ? row[1] : nullptr;
+    if (!is_empty(name) && !is_plain_name(name))
+      report_failure(0, 0, "Domain name %s cannot be a part of a path, virtual host skipped\n", name);
+    else
+      create_domain_file(name, next, db);
+  }
+}
+
+} // namespace
+
+bounded_text include_file_of(const char *domain) {
+  return bounded_text("%s/%s/conf/httpd.include", HTTPD_VHOSTS_D, domain);
+}
+
+int create_vhost_config(const char *name, MYSQL *db) {
+  return create_domain_file(name, nullptr, db);
 }
 
 void remove_vhost_config(const char *domain) {

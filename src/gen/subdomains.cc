@@ -16,6 +16,8 @@
 
 namespace {
 
+constexpr char ERROR_DOCS[] = "apacheErrorDocs";
+
 // What a subdomain's hosts are made from. Texts belong to the database's result.
 struct subdomain_record {
   const char *domain;
@@ -85,10 +87,13 @@ bounded_text path_of(const subdomain_record &sub, const char *entry) {
   return bounded_text("%s/%s/subdomains/%s/%s", HTTPD_VHOSTS_D, sub.domain, sub.label, entry);
 }
 
+bounded_text aliases_query(const subdomain_record &sub, const host_kind &kind) {
+  return bounded_text("select name %sfrom domainaliases where status='0' and web='true' and dom_id=%s",
+                      kind.ssl ? "\t\t\t\t\t\t" : "\t\t\t\t\t", sub.dom_id);
+}
+
 void print_server_aliases(FILE *out, const subdomain_record &sub, const host_kind &kind, MYSQL *db) {
-  const bounded_text query("select name %sfrom domainaliases where status='0' and web='true' and dom_id=%s",
-                           kind.ssl ? "\t\t\t\t\t\t" : "\t\t\t\t\t", sub.dom_id);
-  const unique_result aliases = db_select_or_end_run(db, query.c_str(), "Unable to query");
+  const unique_result aliases = db_select_or_end_run(db, aliases_query(sub, kind).c_str(), "Unable to query");
   while (MYSQL_ROW row = mysql_fetch_row(aliases.get()))
     fprintf(out, "\tServerAlias  %s.%s\n", sub.label, row[0]);
 }
@@ -174,21 +179,31 @@ bool find_user(const subdomain_record &sub, const char *full_name, char (&user)[
   return false;
 }
 
-unique_result select_subdomains(const char *domain, MYSQL *db) {
-  return select_by_domain_name(
-      db,
-      "select d.id, d.name, u.login, c.email, ipa.ip_address, h.webstat, h.php_safe_mode, "
-      "\t\ts.ssi, s.php, s.cgi, s.perl, s.asp, s.python, s.coldfusion, s.name, "
-      "\t\ts.sys_user_type, s.sys_user_id, s.ssl, s.same_ssl, cert.cert_file, cert.ca_file, s.fastcgi, s.miva, "
-      "\t\th.traffic_bandwidth, h.max_connection "
-      "\t\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, subdomains s, certificates cert "
-      "\t\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
-      "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
-      "\t\tand d.name=",
-      domain, "Unable to define subdomains parameters");
+constexpr char SUBDOMAINS_OF[] =
+    "select d.id, d.name, u.login, c.email, ipa.ip_address, h.webstat, h.php_safe_mode, "
+    "\t\ts.ssi, s.php, s.cgi, s.perl, s.asp, s.python, s.coldfusion, s.name, "
+    "\t\ts.sys_user_type, s.sys_user_id, s.ssl, s.same_ssl, cert.cert_file, cert.ca_file, s.fastcgi, s.miva, "
+    "\t\th.traffic_bandwidth, h.max_connection "
+    "\t\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, subdomains s, certificates cert "
+    "\t\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
+    "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
+    "\t\tand d.name=";
+
+// What is asked for one subdomain whose user is there, in that order. ColdFusion asks what depends on the answers.
+void send_hosts_ahead(const subdomain_record &sub, MYSQL *db) {
+  db_send_ahead(db, dom_param_query(sub.dom_id, ERROR_DOCS).c_str());
+  if (sub.coldfusion)
+    return;
+  if (sub.ssl)
+    db_send_ahead(db, aliases_query(sub, SSL_HOST).c_str());
+  db_send_ahead(db, aliases_query(sub, PLAIN_HOST).c_str());
 }
 
 } // namespace
+
+void send_subdomains_ahead(const char *domain, MYSQL *db) {
+  send_by_domain_name_ahead(db, SUBDOMAINS_OF, domain);
+}
 
 int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
   const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
@@ -198,7 +213,8 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
   }
 
   bool error_docs = true; // until the first setting that can be read
-  const unique_result rows = select_subdomains(domain, db);
+  const unique_result rows =
+      select_by_domain_name(db, SUBDOMAINS_OF, domain, "Unable to define subdomains parameters");
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     const subdomain_record sub = decode_row(domain, row);
     if (!is_empty(sub.label) && !is_plain_name(sub.label)) {
@@ -211,7 +227,8 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
     char user[TEXT_SIZE];
     if (!find_user(sub, full_name.c_str(), user, db))
       return -1;
-    if (const char *setting = get_dom_param(sub.dom_id, "apacheErrorDocs", db))
+    send_hosts_ahead(sub, db);
+    if (const char *setting = get_dom_param(sub.dom_id, ERROR_DOCS, db))
       error_docs = is_flag_set(setting);
     const subdomain_settings settings = {full_name.c_str(), user, error_docs};
 
