@@ -14,6 +14,7 @@
 #include "db/query.h"
 #include "env/config.h"
 #include "env/webserver.h"
+#include "fs/text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,15 +27,46 @@ constexpr std::size_t NOTES_MAX = 20;
 constexpr char CONFIG_FILE[] = "/etc/kiv/kiv.conf";
 constexpr double NEVER = 1e18; // seconds since the epoch
 
+// What the generators must know of the installed Apache.
+struct apache_facts {
+  char magic[16];
+  int version;
+  int minor;
+};
+
 // Everything that a rebuild needs before its first domain, tried where its failure ends nothing.
-void prepare() {
+void prepare_in_child(child_line &line) {
   if (access(CONFIG_FILE, R_OK) != 0)
     end_run("%s cannot be read: %s", CONFIG_FILE, std::strerror(errno));
   load_product_config();
   const unique_connection db = db_connect_or_report();
   if (!db)
-    end_run("Unable to connect to the mysql database\n");
-  get_apache_path(&apache_magic, &apache_version, &apache_minor);
+    end_run(NO_CONNECTION);
+  apache_facts facts = {};
+  get_apache_path(&apache_magic, &facts.version, &facts.minor);
+  copy_text(facts.magic, apache_magic);
+  send_answer(line, 0, std::string(reinterpret_cast<const char *>(&facts), sizeof facts));
+}
+
+// Returns false with the words of what failed.
+bool prepare(std::string &failure) {
+  child_process child = start_child(prepare_in_child);
+  if (child.pid < 0) {
+    failure = std::strerror(errno);
+    return false;
+  }
+  child_answer answer;
+  const bool answered = receive_answer(child, answer);
+  reap_child(child, failure);
+  if (!answered)
+    return false;
+  static apache_facts facts; // for the life of the process, as the generators want it
+  std::memcpy(&facts, answer.text.data(), std::min(sizeof facts, answer.text.size()));
+  load_product_config();
+  apache_magic = facts.magic;
+  apache_version = facts.version;
+  apache_minor = facts.minor;
+  return true;
 }
 
 // The state of one check.
@@ -295,10 +327,8 @@ check_state run_check(const check_options &options, check_result &result, std::s
   run.only_diff = options.format == output_format::diff;
   const double begin = monotonic_seconds();
   std::string messages;
-  if (!survives(prepare, messages))
+  if (!prepare(messages))
     return failed(run, one_line(messages));
-  load_product_config();
-  get_apache_path(&apache_magic, &apache_version, &apache_minor);
   if (!read_panel(run))
     return failed(run, failure);
   const check_state state = check_all(run, static_cast<double>(time(nullptr)));

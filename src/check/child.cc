@@ -139,15 +139,3 @@ int reap_child(child_process &child, std::string &messages) {
   }
   return status;
 }
-
-bool survives(const std::function<void()> &body, std::string &messages) {
-  child_process child = start_child([&](child_line &) { body(); });
-  if (child.pid < 0) {
-    messages = std::strerror(errno);
-    return false;
-  }
-  child_answer none;
-  while (receive_answer(child, none))
-    continue;
-  return reap_child(child, messages) == 0;
-}

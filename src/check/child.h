@@ -39,6 +39,3 @@ bool receive_answer(const child_process &child, child_answer &answer);
 // In the parent: waits for the child's end. Returns wait's status; what the child said since its last answer is in
 // `messages`, with a word on the signal that ended it, if one did.
 int reap_child(child_process &child, std::string &messages);
-
-// Runs `body` in a child of its own to its end. Returns true when it came through, else false with its messages.
-bool survives(const std::function<void()> &body, std::string &messages);
