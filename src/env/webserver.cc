@@ -135,12 +135,11 @@ const char *apache_server_root() {
   const bounded_text command("cat %s | egrep \"^[ \\t]*ServerRoot\" | tail -1 | awk '{print $2}'",
                              apache_conf_file());
   const std::unique_ptr<FILE, close_pipe> pipe(popen(command.c_str(), "re"));
-  if (!pipe) {
-    report_failure(0, 0, "Unable to parse apache config for ServerRoot\n");
-    return server_root;
-  }
   // One line of at most 4094 characters; the line end belongs to the value.
-  if (std::fgets(server_root, sizeof server_root - 1, pipe.get()) == nullptr)
-    server_root[0] = '\0';
+  if (pipe && std::fgets(server_root, sizeof server_root - 1, pipe.get()) != nullptr)
+    return server_root;
+  if (!pipe || std::ferror(pipe.get()) != 0)
+    report_failure(0, 0, "Unable to parse apache config for ServerRoot\n");
+  server_root[0] = '\0';
   return server_root;
 }

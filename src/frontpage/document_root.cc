@@ -29,9 +29,10 @@ constexpr std::size_t LIST_SIZE = std::size_t{1} << 20;
 constexpr int LINKED_SUB_WEBS = 100;
 constexpr int LEVELS = PATH_MAX / 2;
 
-// Whether the failure means that there is nothing of the kind. All others deserve a report.
+// Whether the failure, if there is one, means that there is nothing of the kind. All others deserve a report.
 bool means_absent(int error) {
-  return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG || error == ENXIO;
+  return error == 0 || error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG ||
+         error == ENXIO;
 }
 
 void report_unless_absent(const char *step, const char *docs_root, const char *path) {
@@ -51,7 +52,8 @@ bool is_same_file(const struct stat &one, const struct stat &other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// Whether the directory, wherever its path leads by now, lies below the other one.
+// Whether the directory, wherever its path leads by now, lies below the other one. When it does not, errno is 0, and
+// otherwise what kept us from telling.
 bool is_below(const unique_fd &directory, const unique_fd &top) {
   struct stat top_status;
   struct stat status;
@@ -61,13 +63,16 @@ bool is_below(const unique_fd &directory, const unique_fd &top) {
   for (int level = 0; level < LEVELS; ++level) {
     unique_fd above(openat(here.fd, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat above_status;
-    if (above.fd < 0 || fstat(above.fd, &above_status) != 0 || is_same_file(above_status, status))
-      return false; // "/" is its own parent
+    if (above.fd < 0 || fstat(above.fd, &above_status) != 0)
+      return false;
+    if (is_same_file(above_status, status)) // "/" is its own parent
+      break;
     if (is_same_file(above_status, top_status))
       return true;
     here = std::move(above);
     status = above_status;
   }
+  errno = 0;
   return false;
 }
 
@@ -91,14 +96,18 @@ void hide_sub_web(const unique_fd &root, const char *docs_root, const char *name
   const unique_fd web = open_sub_directory(root, path.c_str(), links_left);
   if (web.fd < 0)
     report_unless_absent("open dir", docs_root, path.c_str() + 2);
-  else if (is_below(web, root) && renameat(web.fd, "services.cnf", web.fd, "services.org") != 0)
+  else if (!is_below(web, root))
+    report_unless_absent("check", docs_root, path.c_str() + 2);
+  else if (renameat(web.fd, "services.cnf", web.fd, "services.org") != 0)
     report_unless_absent("put aside services.cnf in", docs_root, path.c_str() + 2);
 }
 
 // What a file of the site's owner holds, up to LIST_SIZE bytes; nothing if it is no regular file.
 std::string read_list(const unique_fd &file, const char *docs_root, const char *path) {
-  struct stat status;
-  if (fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode))
+  struct stat status = {};
+  if (fstat(file.fd, &status) != 0)
+    report_unless_absent("check", docs_root, path);
+  if (!S_ISREG(status.st_mode))
     return "";
   std::string list(LIST_SIZE, '\0');
   std::size_t size = 0;

@@ -120,14 +120,19 @@ unique_lock prepare(const fp_site &site, const frontpage_request &request) {
   return lock;
 }
 
+// Exit status of a shell that could not start its command, and of one that system() could not start.
+constexpr int NOT_STARTED = 127;
+
 // Runs a command through the shell. Returns its exit status; 128 and the signal for one that was killed, as shells do,
-// and -1 after a report for a command that was not run.
+// and -1 for one that nobody could wait for. A command that was not run is reported.
 int run_in_shell(const bounded_text &command) {
   const int status = std::system(command.c_str());
   if (status == -1) {
     report_failure(0, 0, "Unable to run %s: %s\n", OWSADM, std::strerror(errno)); // not the password
     return -1;
   }
+  if (WIFEXITED(status) && WEXITSTATUS(status) == NOT_STARTED)
+    report_failure(0, 0, "Unable to run %s\n", OWSADM);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
