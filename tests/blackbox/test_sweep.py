@@ -1,0 +1,81 @@
+"""A sample of what script/sweep lets fail: the complete sweeps are for before a release.
+
+SWEEP_SEED chooses the cases of an earlier run again; it is part of what a failing test prints.
+"""
+
+import errno
+import os
+import pathlib
+import sys
+import time
+
+import pytest
+
+sys.path.insert(0, os.fspath(pathlib.Path(__file__).resolve().parents[1] / "sweep"))
+
+import scene as scenes  # noqa: E402
+from faults import choose  # noqa: E402
+from oracle import Oracle  # noqa: E402
+from panel import HTTPD_VHOSTS_D, OWSADM  # noqa: E402
+from sweep import SWEEPS, TOOLS, play  # noqa: E402
+
+SEED = int(os.environ.get("SWEEP_SEED", time.time()))
+COUNTS = {"calls": 24, "memory": 60, "server": 40}
+SITE = HTTPD_VHOSTS_D / scenes.SHOP / "httpdocs"
+TOOL = {"calls": "sweep_inject", "memory": "libsweep_memory.so"}
+
+
+@pytest.fixture(scope="module")
+def scene():
+    scene = scenes.Scene()
+    scene.oracle = Oracle(scene)
+    return scene
+
+
+@pytest.fixture(scope="module")
+def sweep(request, scene):
+    kind = request.param
+    if kind in TOOL and not os.path.exists(os.path.join(TOOLS, TOOL[kind])):
+        pytest.skip(f"{TOOL[kind]} is for x86_64")
+    if kind == "memory" and b"__asan_init" in pathlib.Path(os.environ["HALYARD"]).read_bytes():
+        pytest.skip("the sanitizer has allocations of its own")
+    sweep = SWEEPS[kind](scene)
+    yield sweep
+    sweep.close()
+
+
+@pytest.mark.parametrize("sweep", ["calls"], indirect=True)
+def test_sub_web_whose_place_cannot_be_found_out_is_reported(scene, sweep):
+    scenes.restore(scene.old["install-fp"])
+    outcome = sweep.spoil("install-fp", f"fail={errno.EACCES}", "1:openat(..)")
+    assert f"Unable to check {SITE}/sub/_vti_pvt: Permission denied\n" in outcome.err
+    assert outcome.status == 0
+
+
+@pytest.mark.parametrize("sweep", ["calls"], indirect=True)
+@pytest.mark.parametrize("operation", ["install-fp", "remove-fp"])
+def test_shell_that_cannot_be_started_for_the_administration_program_is_reported(scene, sweep, operation):
+    scenes.restore(scene.old[operation])
+    outcome = sweep.spoil(operation, f"fail={errno.ENOMEM}", "2:execve(/bin/sh)")  # the first reads ServerRoot
+    assert f"Unable to run {OWSADM}\n" in outcome.err
+
+
+@pytest.mark.parametrize("sweep", ["calls"], indirect=True)
+def test_server_root_that_cannot_be_read_is_reported(scene, sweep):
+    scenes.restore(scene.old["install-fp"])
+    # The first two reads are those of the server's version.
+    outcome = sweep.spoil("install-fp", f"fail={errno.EIO}", "3:read(pipe:[")
+    assert outcome.err.startswith("halyard: Unable to parse apache config for ServerRoot\n\nSystem error 5: ")
+
+
+@pytest.mark.parametrize("sweep", SWEEPS, indirect=True)
+@pytest.mark.parametrize("operation", scenes.OPERATIONS)
+def test_nothing_is_torn_or_lost_whatever_fails(scene, sweep, operation):
+    scenes.restore(scene.old[operation])
+    print(f"SWEEP_SEED={SEED}")
+    met = 0
+    for fault in choose(sweep.cases(operation), COUNTS[sweep.name], SEED):
+        wrong = play(scene, scene.oracle, sweep, operation, fault)
+        assert not wrong, f"SWEEP_SEED={SEED}, {fault}: {wrong}"
+        met += wrong is not None
+    assert met > COUNTS[sweep.name] // 2
