@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace {
 
@@ -26,7 +27,8 @@ const char *line_start(const char *output, const char *match) {
 bool signal_process(const char *line, int line_length, int signal) {
   char *end = nullptr;
   const long pid = std::strtol(line, &end, 10); // skips leading white space
-  if (end == line || pid <= 0) {                // no number, or one that stands for many processes
+  // No number, or one that stands for many processes, as one that is cut to fit may do.
+  if (end == line || pid <= 0 || pid > std::numeric_limits<pid_t>::max()) {
     report_failure(0, 0, "send_signal_field(): malformed ps output: %.*s", line_length, line);
     return false;
   }

@@ -177,6 +177,17 @@ TEST_F(another_ps, whose_lines_have_no_number_is_reported_and_the_rest_is_signal
   EXPECT_EQ(prey.signal_that_ended_it(), SIGTERM);
 }
 
+// Cut to 32 bits the first is -1, which is everybody, the second 0, which is the process group. Signal 0 harms nobody.
+TEST_F(another_ps, whose_numbers_are_too_large_for_a_process_is_reported_and_signals_nobody) {
+  const replaced_ps ps("printf 'PID COMMAND\\n4294967295 %s\\n4294967296 %s\\n' " + std::string(PREY) + " " +
+                       PREY);
+  const outcome run = signalled("command", PREY, 0);
+  const std::string messages = "send_signal_field(): malformed ps output: 4294967295 org.halyard.test.Prey\n"
+                               "send_signal_field(): malformed ps output: 4294967296 org.halyard.test.Prey\n";
+  EXPECT_EQ(run.err, messages);
+  EXPECT_EQ(run.out, messages + "0");
+}
+
 TEST_F(another_ps, may_leave_the_last_line_without_newline) {
   idle_process prey("quarry");
   const replaced_ps ps("printf 'PID COMMAND\\n " + std::to_string(prey.pid) + "\\t%s' " + PREY);
