@@ -135,6 +135,6 @@ int run_operation(const command_line &line, MYSQL *db) {
   return row.full_restart ? 1 : 0;
 }
 
-bool is_frontpage_operation(int operation) {
+bool is_frontpage_operation(operation_code operation) {
   return operation >= OP_INSTALL_FP && operation <= OP_CHANGE_PASSWORD_FP;
 }

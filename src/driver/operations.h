@@ -10,4 +10,4 @@
 int run_operation(const command_line &line, MYSQL *db);
 
 // Whether the operation administers FrontPage, and so uses the administrator's password.
-bool is_frontpage_operation(int operation);
+bool is_frontpage_operation(operation_code operation);

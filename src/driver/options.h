@@ -3,7 +3,7 @@
 
 #include "fs/text.h"
 
-// Operation codes. Those of FrontPage are part of its interface.
+// Operation codes; 1 to 23 are the rows of the table of operations, in their order.
 enum operation_code : int {
   OP_NONE = 0,
   OP_SET_DEFAULT_DOMAIN = 1,
@@ -59,8 +59,8 @@ struct mode_flags {
 };
 
 struct command_line {
-  int operation;     // OP_RECONFIGURE_ALL when none was given
-  unsigned required; // bit 1 << parameter for each that must not be empty
+  operation_code operation; // OP_RECONFIGURE_ALL when none was given
+  unsigned required;        // bit 1 << parameter for each that must not be empty
   mode_flags mode;
   char value[PARAMETER_COUNT][TEXT_SIZE]; // "" when not given; cut to 4095 characters
 };
