@@ -44,7 +44,7 @@ account ask_for_user(const char *name) {
   return {false, 0, 0, errno};
 }
 
-account find_user(const char *name) {
+account look_up_user(const char *name) {
   static account_map accounts;
   static int single_lookups = 0;
 
@@ -61,8 +61,8 @@ account find_user(const char *name) {
   return known->second;
 }
 
-// As find_user; only the gid of the result counts. Groups are few, but one of them may list every hosting account.
-account find_group(const char *name) {
+// As look_up_user; only the gid of the result counts. Groups are few, but one of them may list every hosting account.
+account look_up_group(const char *name) {
   static account_map groups;
 
   auto known = groups.find(name);
@@ -88,11 +88,11 @@ gid_t group_id_by_number(const char *digits) {
 } // namespace
 
 bool user_exists(const char *name) {
-  return find_user(name).exists;
+  return look_up_user(name).exists;
 }
 
 id_t user_id_by_name(const char *name, bool want_gid) {
-  const account user = find_user(name);
+  const account user = look_up_user(name);
   if (!user.exists) {
     report_failure(0, 0, "Unable to getpwnam for user %s", name);
     return 0;
@@ -103,7 +103,7 @@ id_t user_id_by_name(const char *name, bool want_gid) {
 gid_t group_id_by_name(const char *text) {
   if (text[std::strspn(text, "0123456789")] == '\0')
     return group_id_by_number(text);
-  const account group = find_group(text);
+  const account group = look_up_group(text);
   if (!group.exists) {
     report_failure(0, 0, "getgrnam(%s): %s", text, std::strerror(errno));
     return 0;

@@ -15,7 +15,7 @@ namespace {
 
 int sem_fd = -1;
 
-int open_lock_file(const char *path) {
+int open_sem_file(const char *path) {
   return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
 }
 
@@ -50,9 +50,9 @@ void require_not_negative(const char *function, long semnum) {
 
 void open_sem() {
   const bounded_text path("%s/var/utilities.sem", PRODUCT_ROOT_D);
-  sem_fd = open_lock_file(path.c_str());
+  sem_fd = open_sem_file(path.c_str());
   if (sem_fd < 0 && errno == ENOENT && make_directory_of(path.c_str()) == 0)
-    sem_fd = open_lock_file(path.c_str());
+    sem_fd = open_sem_file(path.c_str());
   if (sem_fd < 0)
     end_run("failed to open semaphore file %s: %s", path.c_str(), std::strerror(errno));
 }
