@@ -55,3 +55,7 @@ struct unique_fd {
 
   int fd;
 };
+
+// A stdio stream that takes the descriptor over. Null, with errno set, when there is none to take or no memory; the
+// descriptor is closed then.
+unique_file open_stream(unique_fd fd, const char *mode);

@@ -73,12 +73,8 @@ hidden_file open_hidden_file(const char *path) {
   make_file(made);
   if (made.file.fd < 0)
     return made;
-  unique_fd writer(fcntl(made.file.fd, F_DUPFD_CLOEXEC, 0));
-  if (writer.fd >= 0)
-    made.out.reset(fdopen(writer.fd, "w"));
-  if (made.out)
-    static_cast<void>(writer.release()); // the stream's now
-  else
+  made.out = open_stream(unique_fd(fcntl(made.file.fd, F_DUPFD_CLOEXEC, 0)), "w");
+  if (!made.out)
     remove_temporary(made);
   return made;
 }

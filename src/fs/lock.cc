@@ -73,7 +73,7 @@ unique_fd open_for_appending(const char *path) {
 }
 
 bool append_lines(const unique_fd &file, const char *path, const char *const *lines) {
-  unique_file stream(fdopen(fcntl(file.fd, F_DUPFD_CLOEXEC, 0), "a"));
+  unique_file stream = open_stream(unique_fd(fcntl(file.fd, F_DUPFD_CLOEXEC, 0)), "a");
   if (!stream) {
     report_failure(0, 0, "Unable to open file %s: %s\n", path, std::strerror(errno));
     return false;
