@@ -20,3 +20,7 @@ bool is_plain_name(const char *name) {
       return false;
   return true;
 }
+
+bool leads_elsewhere(const char *name) {
+  return !is_empty(name) && !is_plain_name(name);
+}

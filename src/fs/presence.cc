@@ -1,6 +1,9 @@
 #include "fs/presence.h"
 
+#include "driver/report.h"
+
 #include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 
 namespace {
@@ -30,4 +33,9 @@ presence look_for_directory(const char *path) {
   struct stat status;
   const presence found = look(path, status);
   return found == presence::there && !S_ISDIR(status.st_mode) ? presence::absent : found;
+}
+
+int report_unknown(const char *path) {
+  report_failure(0, 0, "Unable to look for %s: %s\n", path, std::strerror(errno));
+  return -1;
 }

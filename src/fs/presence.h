@@ -9,3 +9,6 @@ presence look_for(const char *path);
 
 // The same for a directory, or a link to one; anything else at the path counts as absent.
 presence look_for_directory(const char *path);
+
+// Reports that nobody can tell whether the path is there, with errno's reason. Returns -1.
+int report_unknown(const char *path);

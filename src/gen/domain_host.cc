@@ -18,7 +18,8 @@ bounded_text aliases_query(const domain_record &domain) {
                       domain.id);
 }
 
-void print_server_aliases(FILE *out, const domain_record &domain, bool www, MYSQL *db) {
+// The other names of the site; with `www` each of its names counts with "www." in front, too.
+void print_other_names(FILE *out, const domain_record &domain, bool www, MYSQL *db) {
   if (www) {
     fprintf(out, "\tServerAlias  www.%s\n", domain.name);
     fprintf(out, "\tUseCanonicalName Off\n");
@@ -31,10 +32,9 @@ void print_server_aliases(FILE *out, const domain_record &domain, bool www, MYSQ
   }
 }
 
-void print_domain_miva(FILE *out, const domain_record &domain, const char *docs) {
+void print_domain_miva(FILE *out, const domain_record &domain, const char *documents) {
   const bounded_text data("%s/%s/mivadata", HTTPD_VHOSTS_D, domain.name);
-  const bounded_text documents("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, docs);
-  print_miva(out, data.c_str(), documents.c_str());
+  print_miva(out, data.c_str(), documents);
   fprintf(out, "\tSetEnv MvCONFIG_DIR_USER ./\n");
 }
 
@@ -72,14 +72,14 @@ bool redirects_statistics(const domain_record &domain, const host_kind &kind) {
   return domain.ssl && !kind.ssl;
 }
 
-void print_main_directory(FILE *out, const domain_record &domain, const host_kind &kind, const char *docs) {
-  const bounded_text directory("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, docs);
-  fprintf(out, "\t<Directory %s>\n", directory.c_str());
+void print_main_directory(FILE *out, const domain_record &domain, const host_kind &kind,
+                          const char *documents) {
+  fprintf(out, "\t<Directory %s>\n", documents);
   if (domain.perl)
     print_perl(out);
   if (domain.asp)
     print_asp(out);
-  print_php(out, domain.php, domain.php_safe_mode, directory.c_str());
+  print_php(out, domain.php, domain.php_safe_mode, documents);
   if (domain.python)
     print_python(out);
   if (domain.fastcgi)
@@ -154,8 +154,8 @@ unique_result select_protections(const domain_record &domain, const char *flag, 
   return db_select_or_end_run(db, protections_query(domain, flag).c_str(), "Unable to query");
 }
 
-void print_document_protections(FILE *out, const domain_record &domain, const host_kind &kind,
-                                const char *docs, MYSQL *db) {
+void print_document_protections(FILE *out, const domain_record &domain, const host_kind &kind, MYSQL *db) {
+  const char *docs = docs_of(kind, domain.same_ssl);
   const unique_result rows = select_protections(domain, kind.protection_column, db);
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     const char *path = without_leading_slash(row[1]);
@@ -181,6 +181,45 @@ void print_cgi_protections(FILE *out, const domain_record &domain, const host_ki
   }
 }
 
+// What the host is called, whose it is, where its documents and logs lie.
+void print_identity(FILE *out, const domain_record &domain, const domain_settings &settings,
+                    const host_kind &kind, const char *documents, MYSQL *db) {
+  print_server_name(out, domain.name, kind.port);
+  print_other_names(out, domain, settings.www, db);
+  print_system_user(out, domain.login, domain.cgi || domain.miva, kind.suexec_indent);
+  print_server_admin(out, domain.email, kind.admin_quote);
+  fprintf(out, "\tDocumentRoot %s\n", documents);
+  print_logs(out, domain.name, kind.access_log);
+}
+
+// What is reached by a path of its own. Returns 0, or -1 after a report when nobody can tell where the icons are.
+int print_mapped_paths(FILE *out, const domain_record &domain, const host_kind &kind, const char *documents) {
+  fprintf(out, "<IfModule mod_userdir.c>\n\tUserDir %s/%s/web_users\n</IfModule>\n", HTTPD_VHOSTS_D,
+          domain.name);
+  if (domain.cgi)
+    fprintf(out, "\tScriptAlias  /cgi-bin/ %s/%s/cgi-bin/\n", HTTPD_VHOSTS_D, domain.name);
+  if (domain.miva)
+    print_domain_miva(out, domain, documents);
+  if (!domain.webstat)
+    return 0;
+  if (!redirects_statistics(domain, kind))
+    return print_statistics_aliases(out, domain.name);
+  print_statistics_redirects(out, domain.name);
+  return 0;
+}
+
+// What may be done in the site's directories.
+void print_directories(FILE *out, const domain_record &domain, const domain_settings &settings,
+                       const host_kind &kind, const char *documents, MYSQL *db) {
+  print_main_directory(out, domain, kind, documents);
+  if (settings.wu_script)
+    print_web_users(out, domain, kind, db);
+  else
+    switch_web_users_off(out, domain);
+  print_document_protections(out, domain, kind, db);
+  print_cgi_protections(out, domain, kind, db);
+}
+
 int print_custom_includes(FILE *out, const domain_record &domain, const host_kind &kind) {
   const bounded_text applications("%s/%s/conf/%s", HTTPD_VHOSTS_D, domain.name, kind.site_applications);
   if (print_site_applications_include(out, applications.c_str()) != 0)
@@ -204,37 +243,18 @@ void send_domain_host_ahead(const domain_record &domain, const domain_settings &
 
 int print_domain_host(FILE *out, const domain_record &domain, const domain_settings &settings,
                       const host_kind &kind, MYSQL *db) {
-  const char *docs = docs_of(kind, domain.same_ssl);
+  const bounded_text documents("%s/%s/%s", HTTPD_VHOSTS_D, domain.name, docs_of(kind, domain.same_ssl));
 
   fprintf(out, "<VirtualHost %s:%s>\n", domain.ip_address, kind.port);
-  print_server_name(out, domain.name, kind.port);
-  print_server_aliases(out, domain, settings.www, db);
-  print_system_user(out, domain.login, domain.cgi || domain.miva, kind.suexec_indent);
-  print_server_admin(out, domain.email, kind.admin_quote);
-  fprintf(out, "\tDocumentRoot %s/%s/%s\n", HTTPD_VHOSTS_D, domain.name, docs);
-  print_logs(out, domain.name, kind.access_log);
+  print_identity(out, domain, settings, kind, documents.c_str(), db);
   print_trace_refusal(out);
-  fprintf(out, "<IfModule mod_userdir.c>\n\tUserDir %s/%s/web_users\n</IfModule>\n", HTTPD_VHOSTS_D,
-          domain.name);
-  if (domain.cgi)
-    fprintf(out, "\tScriptAlias  /cgi-bin/ %s/%s/cgi-bin/\n", HTTPD_VHOSTS_D, domain.name);
-  if (domain.miva)
-    print_domain_miva(out, domain, docs);
-  if (domain.webstat && redirects_statistics(domain, kind))
-    print_statistics_redirects(out, domain.name);
-  else if (domain.webstat && print_statistics_aliases(out, domain.name) != 0)
+  if (print_mapped_paths(out, domain, kind, documents.c_str()) != 0)
     return -1;
   if (kind.ssl)
     print_ssl_certificate(out, domain.cert_file, domain.ca_file);
   else
     print_ssl_off(out);
-  print_main_directory(out, domain, kind, docs);
-  if (settings.wu_script)
-    print_web_users(out, domain, kind, db);
-  else
-    switch_web_users_off(out, domain);
-  print_document_protections(out, domain, kind, docs, db);
-  print_cgi_protections(out, domain, kind, db);
+  print_directories(out, domain, settings, kind, documents.c_str(), db);
   if (settings.error_docs && print_error_docs(out, domain.name) != 0)
     return -1;
   if (settings.tomcat_status == 0)

@@ -15,6 +15,10 @@ constexpr char HORDE_LOG_D[] = "/var/log/kiv-horde";
 constexpr char PEAR_D[] = "/usr/share/kiv-pear";
 constexpr char DOC_D[] = "/usr/share/doc";
 
+// Below HTTPD_VHOSTS_D, as DEFAULT_DOCS.
+constexpr char DEFAULT_SSL_DOCS[] = "/default/httpsdocs";
+constexpr char DEFAULT_PROGRAMS[] = "/default/cgi-bin/";
+
 constexpr int ADDRESSES_PER_HOST = 300;
 
 bool is_ssl_port(const char *port) {
@@ -22,7 +26,7 @@ bool is_ssl_port(const char *port) {
 }
 
 const char *default_docs(const char *port) {
-  return is_ssl_port(port) ? "/default/httpsdocs" : DEFAULT_DOCS;
+  return is_ssl_port(port) ? DEFAULT_SSL_DOCS : DEFAULT_DOCS;
 }
 
 // What becomes of the address that was fetched when a host is full. The default and lists hosts lose it, the webmail
@@ -71,7 +75,7 @@ void print_server_certificate(FILE *out) {
 void print_root_and_programs(FILE *out, const char *port) {
   fprintf(out, "\tUseCanonicalName Off\n");
   fprintf(out, "\tDocumentRoot %s%s\n", HTTPD_VHOSTS_D, default_docs(port));
-  fprintf(out, "\tScriptAlias /cgi-bin/ \"%s%s\"\n", HTTPD_VHOSTS_D, "/default/cgi-bin/");
+  fprintf(out, "\tScriptAlias /cgi-bin/ \"%s%s\"\n", HTTPD_VHOSTS_D, DEFAULT_PROGRAMS);
   print_trace_refusal(out);
 }
 
@@ -84,7 +88,7 @@ void print_root_directories(FILE *out, const char *port) {
           "\t\tOrder allow,deny\n"
           "\t\tAllow from all\n"
           "\t</Directory>\n",
-          HTTPD_VHOSTS_D, "/default/cgi-bin/");
+          HTTPD_VHOSTS_D, DEFAULT_PROGRAMS);
   fprintf(out, "\t<Directory %s%s>\n", HTTPD_VHOSTS_D, default_docs(port));
   if (is_ssl_port(port))
     fprintf(out, "\t\tSSLRequireSSL\n");

@@ -324,8 +324,3 @@ int print_site_applications_include(FILE *out, const char *path) {
 int print_custom_include(FILE *out, const char *path) {
   return print_include_of(out, path, look_for(path));
 }
-
-int report_unknown(const char *path) {
-  report_failure(0, 0, "Unable to look for %s: %s\n", path, std::strerror(errno));
-  return -1;
-}

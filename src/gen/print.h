@@ -12,6 +12,9 @@
 // Document root of the hosts that belong to no domain, below HTTPD_VHOSTS_D.
 inline constexpr char DEFAULT_DOCS[] = "/default/htdocs";
 
+// The setting of a domain that wants error pages of its own.
+inline constexpr char ERROR_DOCS[] = "apacheErrorDocs";
+
 // Who may edit what: the head of a domain's file. `with_ssl` names the SSL host's custom file too.
 void print_warning_banner(FILE *out, const char *domain, bool with_ssl);
 
@@ -87,6 +90,3 @@ void print_options(FILE *out, bool includes, bool exec_cgi);
 // return 0, or -1 after a report when nobody can tell.
 int print_site_applications_include(FILE *out, const char *path);
 int print_custom_include(FILE *out, const char *path);
-
-// Reports that nobody can tell whether the path is there, with errno's reason. Returns -1.
-int report_unknown(const char *path);

@@ -24,7 +24,6 @@ namespace {
 
 constexpr char LIST_FAILURE[] = "Unable to define virtual hosts parameters";
 constexpr char TOMCAT[] = "tomcat";
-constexpr char ERROR_DOCS[] = "apacheErrorDocs";
 constexpr char WEB_USER_SCRIPTS[] = "wu_script";
 
 void require_domain_name(const char *domain) {

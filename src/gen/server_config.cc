@@ -101,10 +101,6 @@ void print_global_directives(FILE *out, const char *host_name, const char *admin
                  "</IfDefine>\n\n");
 }
 
-bool leads_elsewhere(const char *name) {
-  return !is_empty(name) && !is_plain_name(name);
-}
-
 // The ASCII form of a domain's name. Null, after a report, when the name may not stand in paths and directives, as
 // stored or after the conversion, which makes a plain slash or quote of the wide ones: the others must be served.
 unique_text site_name(const char *name) {

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr char ERROR_DOCS[] = "apacheErrorDocs";
-
 // What a subdomain's hosts are made from. Texts belong to the database's result.
 struct subdomain_record {
   const char *domain;
@@ -154,7 +152,7 @@ int print_host(FILE *out, const subdomain_record &sub, const subdomain_settings 
 
 // The login of the subdomain's own user in `login`. Returns false after a report when there is none.
 bool find_native_user(const char *sys_user_id, const char *full_name, char (&login)[TEXT_SIZE], MYSQL *db) {
-  assert_quotable(sys_user_id, "subdomains.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(sys_user_id, "subdomains.c");
   const bounded_text query("select u.login from sys_users u where u.id='%s'", sys_user_id);
   const unique_result result =
       db_select_or_end_run(db, query.c_str(), "Unable to define sys_users parameters");
@@ -217,7 +215,7 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
       select_by_domain_name(db, SUBDOMAINS_OF, domain, "Unable to define subdomains parameters");
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     const subdomain_record sub = decode_row(domain, row);
-    if (!is_empty(sub.label) && !is_plain_name(sub.label)) {
+    if (leads_elsewhere(sub.label)) {
       report_failure(0, 0, "Subdomain name %s of %s cannot be a part of a path, subdomains skipped\n",
                      sub.label, domain);
       return -1;
