@@ -5,8 +5,7 @@
 
 #include <mysql.h>
 
-// 1 when one piped log for all hosts replaces their own access logs: the setting "apache_pipelog", once main has read
-// it.
+// 1 when one piped log for all hosts replaces their own access logs: the setting "apache_pipelog", once it is read.
 extern int pipelog;
 
 // Column `column` of the first row of `query`. All getters below up to get_domain_htype share one static buffer.
