@@ -120,8 +120,8 @@ bool said_only(const outcome &run, const std::string &message) {
   return !run.ended && !run.asserted && run.out == line && run.err == line;
 }
 
-bool ended_saying(const outcome &run, const std::string &message) {
-  const std::string line = report_of(message);
+bool ended_saying(const outcome &run, const std::string &message, int error) {
+  const std::string line = report_of(message, error);
   return run.ended && run.status == 1 && run.out == line && run.err == line;
 }
 

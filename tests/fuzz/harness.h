@@ -36,11 +36,11 @@ bool was_quiet(const outcome &run);
 // What a report looks like on each stream while errno is `error`.
 std::string report_of(const std::string &message, int error = 0);
 
-// Whether exactly this one message, without a word about errno, was said on both streams.
+// Whether exactly this one message was said on both streams.
 bool said_only(const outcome &run, const std::string &message);
 
-// The same and then ended the run with status 1.
-bool ended_saying(const outcome &run, const std::string &message);
+// The same and then ended the run with status 1; errno was `error`.
+bool ended_saying(const outcome &run, const std::string &message, int error = 0);
 
 struct sent_signal {
   pid_t pid;
