@@ -4,11 +4,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <set>
+#include <string>
 #include <sys/stat.h>
+#include <vector>
 
 namespace {
 
 constexpr std::size_t CHUNK_SIZE = 4096;
+constexpr char COPY_FAILURE[] = "copy_file_atomic(%s -> %s): %s failed";
 
 bool write_fully(int fd, const char *data, std::size_t size) {
   while (size > 0) {
@@ -32,6 +36,85 @@ const char *copy_bytes(int in, int out) {
   return count == 0 ? nullptr : "read";
 }
 
+// A copy that is whole in its temporary file and has its owner and mode, but is not in place.
+struct whole_copy {
+  std::string source;
+  std::string destination;
+  unique_text temporary;
+  unique_fd out;
+};
+
+[[noreturn]] void copy_failed(const whole_copy &copy, const char *step) {
+  end_run(COPY_FAILURE, copy.source.c_str(), copy.destination.c_str(), step);
+}
+
+whole_copy make_copy(const char *source, const char *destination, uid_t uid, gid_t gid, mode_t mode) {
+  whole_copy copy{source, destination, nullptr, unique_fd()};
+  const unique_fd in(open(source, O_RDONLY | O_CLOEXEC));
+  if (in.fd < 0)
+    copy_failed(copy, "open");
+  const std::size_t template_size = copy.destination.size() + sizeof ".XXXXXX";
+  copy.temporary.reset(static_cast<char *>(std::malloc(template_size)));
+  if (!copy.temporary)
+    end_run("Allocation failed");
+  std::snprintf(copy.temporary.get(), template_size, "%s.XXXXXX", destination);
+  copy.out.reset(mkostemp(copy.temporary.get(), O_CLOEXEC));
+  if (copy.out.fd < 0)
+    copy_failed(copy, "mkstemp");
+  if (const char *failed_step = copy_bytes(in.fd, copy.out.fd))
+    copy_failed(copy, failed_step);
+  if (fchown(copy.out.fd, uid, gid) != 0)
+    copy_failed(copy, "chown");
+  if (fchmod(copy.out.fd, mode) != 0)
+    copy_failed(copy, "chmod");
+  return copy;
+}
+
+void close_work_file(staged_file &file) {
+  if (close_file(std::move(file.out)) != 0)
+    end_run("Unable to close file %s: %s\n", file.work.c_str(), std::strerror(errno));
+}
+
+constexpr std::size_t BATCH_SIZE = 64;
+
+// What install_in_batch has finished.
+std::vector<whole_copy> batch;
+
+// The file systems of all copies, once each. Sites may lie on several.
+bool flush_all(std::vector<whole_copy> &copies, whole_copy *&failed) {
+  std::set<dev_t> flushed;
+  for (whole_copy &copy : copies) {
+    struct stat status;
+    failed = &copy;
+    if (fstat(copy.out.fd, &status) != 0 ||
+        (flushed.insert(status.st_dev).second && syncfs(copy.out.fd) != 0))
+      return false;
+  }
+  return true;
+}
+
+// Returns null, or the step that failed with the copy in `failed` and errno set.
+const char *put_in_place(std::vector<whole_copy> &copies, whole_copy *&failed) {
+  if (!flush_all(copies, failed))
+    return "flush";
+  for (whole_copy &copy : copies) {
+    failed = &copy;
+    if (copy.out.close() != 0)
+      return "flush";
+    if (rename(copy.temporary.get(), copy.destination.c_str()) != 0)
+      return "rename";
+    unlink(copy.source.c_str());
+  }
+  return nullptr;
+}
+
+void install_batch_at_exit() {
+  whole_copy *failed = nullptr;
+  if (const char *step = put_in_place(batch, failed))
+    report_failure(0, 0, COPY_FAILURE, failed->source.c_str(), failed->destination.c_str(), step);
+  batch.clear();
+}
+
 } // namespace
 
 staged_file open_staged_file(const bounded_text &target) {
@@ -46,40 +129,37 @@ staged_file open_staged_file(const bounded_text &target) {
 }
 
 void install_staged_file(staged_file file) {
-  const char *work = file.work.c_str();
-  if (close_file(std::move(file.out)) != 0)
-    end_run("Unable to close file %s: %s\n", work, std::strerror(errno));
-  copy_file_atomic(work, file.target.c_str(), 0, 0, 0644);
-  unlink(work);
+  close_work_file(file);
+  copy_file_atomic(file.work.c_str(), file.target.c_str(), 0, 0, 0644);
+  unlink(file.work.c_str());
 }
 
 void copy_file_atomic(const char *source, const char *destination, uid_t uid, gid_t gid, mode_t mode) {
-  const auto fail = [=](const char *step) {
-    end_run("copy_file_atomic(%s -> %s): %s failed", source, destination, step);
-  };
-
-  const unique_fd in(open(source, O_RDONLY | O_CLOEXEC));
-  if (in.fd < 0)
-    fail("open");
-
-  const std::size_t template_size = std::strlen(destination) + sizeof ".XXXXXX";
-  const unique_text temporary(static_cast<char *>(std::malloc(template_size)));
-  if (!temporary)
-    end_run("Allocation failed");
-  std::snprintf(temporary.get(), template_size, "%s.XXXXXX", destination);
-  unique_fd out(mkostemp(temporary.get(), O_CLOEXEC));
-  if (out.fd < 0)
-    fail("mkstemp");
-
-  if (const char *failed_step = copy_bytes(in.fd, out.fd))
-    fail(failed_step);
-  if (fchown(out.fd, uid, gid) != 0)
-    fail("chown");
-  if (fchmod(out.fd, mode) != 0)
-    fail("chmod");
+  whole_copy copy = make_copy(source, destination, uid, gid, mode);
   // Many a file system renames before it writes data: a power cut would leave an empty file in place.
-  if (fdatasync(out.fd) != 0 || out.close() != 0)
-    fail("flush");
-  if (rename(temporary.get(), destination) != 0)
-    fail("rename");
+  if (fdatasync(copy.out.fd) != 0 || copy.out.close() != 0)
+    copy_failed(copy, "flush");
+  if (rename(copy.temporary.get(), destination) != 0)
+    copy_failed(copy, "rename");
+}
+
+void install_in_batch(staged_file file) {
+  if (batch.capacity() == 0) {
+    batch.reserve(BATCH_SIZE);
+    std::atexit(install_batch_at_exit);
+  }
+  close_work_file(file);
+  batch.push_back(make_copy(file.work.c_str(), file.target.c_str(), 0, 0, 0644));
+  if (batch.size() == BATCH_SIZE)
+    install_batch();
+}
+
+void install_batch() {
+  std::vector<whole_copy> copies;
+  copies.swap(batch);
+  whole_copy *failed = nullptr;
+  if (const char *step = put_in_place(copies, failed))
+    copy_failed(*failed, step);
+  copies.clear();
+  batch.swap(copies); // its memory
 }

@@ -7,7 +7,8 @@
 //   while the temporary file is made  the old target, the whole work file, a partial temporary file
 //   after the rename                  the new target, whole, with its final owner and mode
 // So readers see the old file or the new one, never a part of either. The content is on the disk before the rename, so
-// that a power cut, too, leaves one of them.
+// that a power cut, too, leaves one of them. Where many files are written, the disk is waited for once for a batch of
+// them, and their temporary files lie there until then.
 #pragma once
 
 #include "fs/handles.h"
@@ -28,6 +29,15 @@ staged_file open_staged_file(const bounded_text &target);
 // Closes the work file, puts its content in place as root:root with mode 0644 and removes it.
 // Every failure ends the run with the live file untouched.
 void install_staged_file(staged_file file);
+
+// The same for one of many files, so that a disk need not be waited for each time: the file is in place after
+// install_batch at the latest, which is called here now and then. A run that ends early by exit puts in place what it has
+// finished, as it would have without a batch.
+void install_in_batch(staged_file file);
+
+// Puts in place the files that still wait for it, in their order. A failure ends the run with that file and those behind
+// it old and whole.
+void install_batch();
 
 // Replaces `destination` by a copy of `source` with the given owner and mode, in one step. Every failure ends the
 // run with the destination old and whole; the temporary file of a failed run stays.

@@ -111,9 +111,11 @@ void send_hosts_ahead(const domain_record &domain, const domain_settings &settin
   send_subdomains_ahead(domain.name, db);
 }
 
+using installer = void (*)(staged_file file);
+
 // create_vhost_config but for what a domain that is skipped leaves ahead. `next` is the domain whose turn is next if
 // this one is not skipped, or null.
-int write_domain_file(const char *name, const char *next, MYSQL *db) {
+int write_domain_file(const char *name, const char *next, installer install, MYSQL *db) {
   const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
   require_domain_name(name);
   const unique_result result = select_by_domain_name(db, DOMAIN_RECORD_OF, name, LIST_FAILURE);
@@ -158,12 +160,12 @@ int write_domain_file(const char *name, const char *next, MYSQL *db) {
   }
   if (next != nullptr)
     send_by_domain_name_ahead(db, DOMAIN_RECORD_OF, next);
-  install_staged_file(std::move(file));
+  install(std::move(file));
   return 0;
 }
 
-int create_domain_file(const char *name, const char *next, MYSQL *db) {
-  const int result = write_domain_file(name, next, db);
+int create_domain_file(const char *name, const char *next, installer install, MYSQL *db) {
+  const int result = write_domain_file(name, next, install, db);
   if (result != 0)
     db_drop_ahead(db);
   return result;
@@ -179,8 +181,9 @@ void create_each(const unique_result &domains, MYSQL *db) {
     if (!is_empty(name) && !is_plain_name(name))
       report_failure(0, 0, "Domain name %s cannot be a part of a path, virtual host skipped\n", name);
     else
-      create_domain_file(name, next, db);
+      create_domain_file(name, next, install_in_batch, db);
   }
+  install_batch();
 }
 
 } // namespace
@@ -190,7 +193,7 @@ bounded_text include_file_of(const char *domain) {
 }
 
 int create_vhost_config(const char *name, MYSQL *db) {
-  return create_domain_file(name, nullptr, db);
+  return create_domain_file(name, nullptr, install_staged_file, db);
 }
 
 void remove_vhost_config(const char *domain) {

@@ -470,6 +470,109 @@ TEST_F(staged, descriptor_is_not_handed_to_other_programs) {
 } // namespace
 
 // The functions of the system that the tests above let fail, or do half their work.
+// Three targets, written in this order, of which the second may be in a directory of its own.
+struct batch : testing::Test {
+  void write(const std::string &target, const std::string &content) const {
+    staged_file file = open_staged_file(bounded_text("%s", target.c_str()));
+    std::fputs(content.c_str(), file.out.get());
+    install_in_batch(std::move(file));
+  }
+
+  const temporary_directory directory;
+  const std::string first = directory / "first";
+  const std::string second = directory / "second";
+  const std::string third = directory / "third";
+};
+
+TEST_F(batch, files_are_in_place_after_it) {
+  write_file(second, "old");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    write(first, "1");
+    write(second, std::string(10000, '2'));
+    install_batch();
+    install_batch();
+    write(third, "3");
+    install_batch();
+    _exit(0);
+  })));
+  EXPECT_EQ(read_file(first), "1");
+  EXPECT_EQ(read_file(second), std::string(10000, '2'));
+  EXPECT_EQ(read_file(third), "3");
+  EXPECT_EQ(entries(directory.path), (std::vector<std::string>{"first", "second", "third"}));
+}
+
+TEST_F(batch, file_of_the_same_name_follows_the_first) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    write(first, "1");
+    write(first, "2");
+    install_batch();
+  })));
+  EXPECT_EQ(read_file(first), "2");
+  EXPECT_EQ(entries(directory.path), std::vector<std::string>{"first"});
+}
+
+TEST_F(batch, long_one_is_put_in_place_in_parts) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    for (int i = 0; i < 150; ++i)
+      write(directory / ("file-" + std::to_string(i)), "text");
+    return read_file(directory / "file-0") == "text" && !exists(directory / "file-149") ? 0 : 1;
+  })));
+  EXPECT_EQ(entries(directory.path).size(), 150U);
+}
+
+TEST_F(batch, run_that_ends_early_puts_in_place_what_it_has_finished) {
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         write(first, "1");
+                         staged_file unfinished = open_staged_file(bounded_text("%s", second.c_str()));
+                         errno = 0;
+                         end_run("no more\n");
+                       }),
+                       1, "no more\n"));
+  EXPECT_EQ(read_file(first), "1");
+  EXPECT_EQ(entries(directory.path), (std::vector<std::string>{"first", "second.new"}));
+}
+
+TEST_F(batch, file_that_cannot_be_put_in_place_ends_the_run_and_leaves_those_behind_it_old) {
+  make_directories(second);
+  write_file(second + "/inside", "kept");
+  write_file(third, "old");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         for (const std::string &target : {first, second, third})
+                           write(target, "new");
+                         install_batch();
+                       }),
+                       1,
+                       "copy_file_atomic(" + second + ".new -> " + second +
+                           "): rename failed\nSystem error 21: Is a directory\n"));
+  EXPECT_EQ(read_file(first), "new");
+  EXPECT_EQ(read_file(third), "old");
+}
+
+TEST_F(batch, content_that_cannot_be_made_durable_ends_the_run_with_all_files_old) {
+  write_file(first, "old");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         sync_fails = true;
+                         write(first, "new");
+                         write(second, "new");
+                         install_batch();
+                       }),
+                       1,
+                       "copy_file_atomic(" + first + ".new -> " + first +
+                           "): flush failed\nSystem error 5: Input/output error\n"));
+  EXPECT_EQ(read_file(first), "old");
+  EXPECT_FALSE(exists(second));
+}
+
+TEST_F(batch, what_fails_at_the_end_of_a_run_is_reported_too) {
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         write(first, "new");
+                         sync_fails = true;
+                       }),
+                       0,
+                       "copy_file_atomic(" + first + ".new -> " + first +
+                           "): flush failed\nSystem error 5: Input/output error\n"));
+}
+
 extern "C" int close(int fd) {
   if (close_fails) {
     errno = EIO;
@@ -494,4 +597,12 @@ extern "C" int fdatasync(int fd) {
                 read_file(watched_while_synced).c_str());
   }
   return static_cast<int>(syscall(SYS_fdatasync, fd));
+}
+
+extern "C" int syncfs(int fd) noexcept {
+  if (sync_fails) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_syncfs, fd));
 }
