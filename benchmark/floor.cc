@@ -116,6 +116,13 @@ void replay(const record_head &head, const char *payload, MYSQL *db) {
     install_file(payload, payload + path_size, head.size - path_size, head.flags == DURABLE);
     break;
   }
+  case FLUSHED: {
+    const int fd = open(payload, O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || syncfs(fd) != 0)
+      fail(payload);
+    close(fd);
+    break;
+  }
   default:
     fail("recording");
   }

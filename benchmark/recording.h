@@ -5,9 +5,10 @@
 #include <cstdint>
 
 enum record_kind : std::uint32_t {
-  STATEMENT = 1,     // SQL
-  EXISTENCE = 2,     // a path that was asked for
-  FILE_INSTALLED = 3 // path, NUL, content
+  STATEMENT = 1,      // SQL
+  EXISTENCE = 2,      // a path that was asked for
+  FILE_INSTALLED = 3, // path, NUL, content
+  FLUSHED = 4         // a path on the file system that was flushed as a whole
 };
 
 // FILE_INSTALLED: the content was made durable before the rename.

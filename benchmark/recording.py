@@ -4,10 +4,10 @@ import re
 import struct
 import subprocess
 
-STATEMENT, EXISTENCE, FILE_INSTALLED = 1, 2, 3
+STATEMENT, EXISTENCE, FILE_INSTALLED, FLUSHED = 1, 2, 3, 4
 DURABLE = 1
 
-_CALLS = "sendto,stat,newfstatat,rename,renameat,renameat2,fdatasync"
+_CALLS = "sendto,stat,newfstatat,rename,renameat,renameat2,fdatasync,syncfs"
 _CALL = re.compile(r"(?P<process>\d+) +(?P<name>\w+)\((?P<arguments>.*)\) += (?P<result>-?\d+)")
 _TEXT = re.compile(r'"((?:\\x[0-9a-f]{2})*)"')
 _COM_QUERY = 3
@@ -36,6 +36,7 @@ class _Recorder:
         self.output = output
         self.begun = False
         self.durable = False
+        self.flushed = False
 
     def write(self, kind, payload, flags=0):
         self.output.write(struct.pack("=III", kind, flags, len(payload)) + payload + b"\0")
@@ -48,10 +49,15 @@ class _Recorder:
                 self.write(STATEMENT, statement)
         elif name == "fdatasync":
             self.durable = True
+        elif name == "syncfs":
+            self.flushed = True
         elif "rename" in name and result == 0:
             with open(texts[1], "rb") as installed:
                 self.write(FILE_INSTALLED, texts[1] + b"\0" + installed.read(), DURABLE if self.durable else 0)
             self.durable = False
+            if self.flushed:  # the floor, too, flushes once for so many files
+                self.write(FLUSHED, texts[1])
+            self.flushed = False
         elif "stat" in name and self.begun and texts and _is_of_interest(texts[0]):
             self.write(EXISTENCE, texts[0])
 

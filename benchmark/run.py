@@ -186,7 +186,7 @@ def main():
             rebuild = programs.operation("--reconfigure-all")
             rebuilds[size] = compare(programs, rebuild, repetitions, path)
             print_row("rebuild", size, rebuilds[size])
-            print_steps(programs, rebuild, repetitions, path, httpd)
+            print_steps(programs, rebuild, min(repetitions, 5), path, httpd)
             one = programs.operation("--reconfigure-vhost", middle)
             print_row("one domain", size, compare(programs, one, arguments.repetitions, path))
             print_steps(programs, one, arguments.repetitions, path, httpd)
