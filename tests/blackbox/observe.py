@@ -1,8 +1,10 @@
 """Runs that go to the background, runs that wait for a lock, and what a run has changed."""
 
 import contextlib
+import subprocess
 
 import pymysql
+import pytest
 import watch
 
 from panel import SERVER_FILE, SOCKET, wait_until
@@ -45,6 +47,28 @@ def waits_for_table(panel):
     """Whether a query of the program waits for a table."""
     return panel.sql("SELECT info FROM information_schema.processlist "
                      "WHERE user = 'admin' AND state LIKE 'Waiting for%%lock'")
+
+
+# Devices
+
+@contextlib.contextmanager
+def private_devices(panel, directory):
+    """Devices of the test's own, so that a system log can be among them."""
+    if panel.in_place:
+        pytest.skip("needs mounts, which this machine refuses")
+    made = directory / "dev"
+    made.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "devices", made], check=True)
+    for name in ("null", "zero", "full", "random", "urandom"):
+        (made / name).touch()
+        subprocess.run(["mount", "--bind", f"/dev/{name}", made / name], check=True)
+    (made / "fd").symlink_to("/proc/self/fd")
+    subprocess.run(["mount", "--rbind", made, "/dev"], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "--lazy", "/dev"], check=True)
+        subprocess.run(["umount", "--lazy", "--recursive", made], check=True)
 
 
 # Processes

@@ -6,11 +6,11 @@ import os
 import re
 import signal
 import socket
-import subprocess
 
 import pytest
 
 import watch
+from observe import private_devices
 from panel import wait_until
 from watch import GENERATE, STAND_IN, UtilitiesLocks, calls
 
@@ -86,26 +86,6 @@ def test_children_have_the_pipe_signal_ignored_when_the_caller_has(panel, site, 
 
 
 # Who hears of its failures
-
-@contextlib.contextmanager
-def private_devices(panel, directory):
-    """Devices of the test's own, so that a system log can be among them."""
-    if panel.in_place:
-        pytest.skip("needs mounts, which this machine refuses")
-    made = directory / "dev"
-    made.mkdir()
-    subprocess.run(["mount", "-t", "tmpfs", "devices", made], check=True)
-    for name in ("null", "zero", "full", "random", "urandom"):
-        (made / name).touch()
-        subprocess.run(["mount", "--bind", f"/dev/{name}", made / name], check=True)
-    (made / "fd").symlink_to("/proc/self/fd")
-    subprocess.run(["mount", "--rbind", made, "/dev"], check=True)
-    try:
-        yield
-    finally:
-        subprocess.run(["umount", "--lazy", "/dev"], check=True)
-        subprocess.run(["umount", "--lazy", "--recursive", made], check=True)
-
 
 @contextlib.contextmanager
 def system_log(panel, directory):
