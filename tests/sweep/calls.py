@@ -11,30 +11,30 @@ from scene import HOME, TEMPORARY, is_temporary
 REPORT = HOME / "report"
 
 # What is the loader's and the name service's own, and nothing that the program could answer for.
-LIBRARIES = re.compile(r"/(usr/)?lib(64)?(/|$)|/proc/|/$|/etc/(ld\.so\.\S*|nsswitch\.conf|services|ssl/\S*|host\.conf)$")
+LIBRARIES = re.compile(r"/(usr/)?lib(64)?(/|$)|/proc/|/$|"
+                       r"/etc/(ld\.so\.\S*|nsswitch\.conf|services|ssl/\S*|host\.conf)$")
 
 OPENING = {"ENOSPC", "EIO", "EACCES", "EMFILE", "ENOMEM", "EINTR"}
 CHANGING = {"ENOSPC", "EIO", "EACCES", "ENOMEM"}
 LOOKING = {"EIO", "EACCES", "ENOMEM"}
 TRANSFERRING = {"EIO", "ENOSPC", "EINTR", "ENOMEM"}
 PROCESS = {"ENOMEM", "EMFILE", "EINTR"}
+WAITING = {"EINTR", "ECHILD"}
 SOCKET = {"EIO", "ENOMEM", "EINTR", "EACCES"}
 
-ERRORS = {
-    **dict.fromkeys(("open", "openat", "openat2", "creat"), OPENING),
-    **dict.fromkeys(("mkdir", "mkdirat", "rename", "renameat", "renameat2", "unlink", "unlinkat", "rmdir", "link", "linkat",
-                     "symlink", "symlinkat", "chmod", "fchmod", "fchmodat", "chown", "lchown", "fchown", "fchownat",
-                     "ftruncate", "truncate"), CHANGING),
-    **dict.fromkeys(("stat", "lstat", "newfstatat", "statx", "access", "faccessat", "faccessat2", "readlink", "readlinkat",
-                     "fstat", "getdents64", "chdir", "fchdir", "lseek"), LOOKING),
-    **dict.fromkeys(("read", "pread64", "write", "pwrite64", "writev", "close", "fsync", "fdatasync"), TRANSFERRING),
-    **dict.fromkeys(("fork", "vfork", "clone", "clone3", "execve", "pipe", "pipe2", "setsid", "kill",
-                     "dup", "dup2", "dup3", "select", "pselect6", "poll", "ppoll", "flock", "fcntl", "close_range"),
-                    PROCESS),
-    **dict.fromkeys(("wait4", "waitid"), {"EINTR", "ECHILD"}),
-    **dict.fromkeys(("socket", "connect", "sendto", "recvfrom", "sendmsg", "recvmsg", "shutdown", "setsockopt",
-                     "getsockopt"), SOCKET),
+FAILING = {
+    "openat openat2 open creat": OPENING,
+    "mkdir mkdirat rename renameat renameat2 unlink unlinkat rmdir link linkat symlink symlinkat chmod fchmod fchmodat "
+    "chown lchown fchown fchownat ftruncate truncate": CHANGING,
+    "stat lstat fstat newfstatat statx access faccessat faccessat2 readlink readlinkat getdents64 chdir fchdir lseek":
+        LOOKING,
+    "read pread64 write pwrite64 writev close fsync fdatasync": TRANSFERRING,
+    "fork vfork clone clone3 execve pipe pipe2 setsid kill dup dup2 dup3 select pselect6 poll ppoll flock fcntl "
+    "close_range": PROCESS,
+    "wait4 waitid": WAITING,
+    "socket connect sendto recvfrom sendmsg recvmsg shutdown setsockopt getsockopt": SOCKET,
 }
+ERRORS = {name: errors for names, errors in FAILING.items() for name in names.split()}
 TRANSFERS = {"read", "pread64", "write", "pwrite64", "sendto", "recvfrom"}
 
 

@@ -1,9 +1,9 @@
 """Fifty changes of one panel at once, each with its run of the program, while somebody kills runs and somebody reads.
 
-A change is made in the database and then handed to a run, as the panel does it; a run that was killed is started again.
-Whoever reads meanwhile finds every live file that is not being taken away, and finds it whole: one of the texts that runs
-one after the other write for the states that the panel goes through. In the end the files are those that a serial run
-writes, the web server has been restarted after the last of them changed, and nothing is left running.
+A change is made in the database and then handed to a run, as the panel does it; a run that was killed is started
+again. Whoever reads meanwhile finds every live file that is not being taken away, and finds it whole: one of the texts
+that runs one after the other write for the states that the panel goes through. In the end the files are those that a
+serial run writes, the web server has been restarted after the last of them changed, and nothing is left running.
 """
 
 import contextlib

@@ -9,8 +9,8 @@ class Fault:
     kills = False
     spoils_outputs = False
     crashes_a_library = False
-    # Which setting the program may not have learnt, which it says and goes on without. Installed packages are asked for on
-    # a connection of their own: without one, none is.
+    # Which setting the program may not have learnt, which it says and goes on without. Installed packages are asked for
+    # on a connection of their own: without one, none is.
     unknown_setting = "Components"
 
     def __init__(self, number, how):

@@ -1,4 +1,4 @@
-"""Allocations that fail: one, or all from one on. The C library's, the client library's and the C++ library's count, too."""
+"""Allocations that fail: one, or all from one on. Those of the C, the C++ and the client library count, too."""
 
 import mmap
 import os

@@ -7,7 +7,7 @@ ANY = r"[^\n]*"
 WORDS = r"[A-Z][^\n]*"
 MYSQL = ANY
 
-# Reports that the operations of the sweeps may end or go on with; a report is one line, or has its system error behind it.
+# Reports that the operations of the sweeps may end or go on with.
 REPORTS = [
     r"Cannot allocate memory(: " + WORDS + r")?",
     r"Can't allocate memory for error message",
@@ -105,7 +105,7 @@ REPORTS = [
     r"Unable to get file descriptor of current dir: " + WORDS,
     r"Lock directory \S+ must be root's, no link, and nobody else's to write",
     r"Unable to run \S+(: " + WORDS + ")?",
-    r"Unable to [a-z ]+ /srv/\S+: " + WORDS,
+    r"Unable to [a-z. ]+ /srv/\S+: " + WORDS,
     r"Document root \S+ is a symbolic link",
     r"Unable to (open|change|close|remove|read) dir \S+: " + WORDS,
     r"Unable to check directory entry \S+: " + WORDS,
@@ -118,7 +118,8 @@ REPORTS = [
 SYSTEM_ERROR = r"(?:\n{1,2}System error (\d+): " + WORDS + r")?\n"
 REPORT = re.compile("(?m)^halyard: (?:" + "|".join(f"(?:{report})" for report in REPORTS) + ")" + SYSTEM_ERROR)
 # What is written to one stream only: by strn_replace, by a child before it becomes another program, by the shell.
-CHILDS_OWN = re.compile(r"strn_replace: [^\n]*\n|setsid\(\) failed: [^\n]*\n|sh: [^\n]*\n|(/bin/sh|awk|cat|grep|egrep|tail): [^\n]*\n|Cannot exec [^\n]*\n[^\n]*")
+ON_ONE_STREAM = re.compile(r"(strn_replace|setsid\(\) failed|sh|/bin/sh|awk|cat|grep|egrep|tail): [^\n]*\n|"
+                           r"Cannot exec [^\n]*\n[^\n]*")
 
 NEW = r"(\S+)\.new"
 TEMPORARY = r"(\S+)\.[A-Za-z0-9]{6}"
@@ -147,7 +148,7 @@ RULES = [
 
 def unknown_text(text):
     """What is left of an output when every report that may be there is taken out."""
-    return CHILDS_OWN.sub("", REPORT.sub("", text))
+    return ON_ONE_STREAM.sub("", REPORT.sub("", text))
 
 
 def expected_report(call, what, error):
@@ -155,5 +156,6 @@ def expected_report(call, what, error):
     for its_call, its_what, report in RULES:
         found = re.fullmatch(its_what, what)
         if found and re.fullmatch(its_call, call):
-            return report.replace("{words}", os.strerror(error)).replace("{0}", found.group(1) if found.groups() else "")
+            file = found.group(1) if found.groups() else ""
+            return report.replace("{words}", os.strerror(error)).replace("{0}", file)
     return None

@@ -1,8 +1,8 @@
 """Whether a run that met a fault has done what it should: judge() names everything that is wrong with it.
 
-A live file is the old or the new one, whole. A run that is not said to have failed has done everything; one that says so
-says it in words that are known, on both streams, with status 1 where it ended. Nothing is left but what may be: files
-below their temporary names of a run that failed. The next, undisturbed run ends in the same bytes as ever.
+A live file is the old or the new one, whole. A run that does not say that it has failed has done everything; one that
+does says it in words that are known, on both streams, with status 1 where it ended. Nothing is left but what may be:
+temporary files of a run that failed. The next, undisturbed run ends in the same bytes as ever.
 """
 
 import collections
@@ -152,8 +152,8 @@ class Oracle:
                     yield f"the protection {path} is lost"
 
     def _lacks_a_setting(self, operation, fault, path, entry):
-        """Whether a file is what is written while a setting that could not be asked for is not there. It was reported, and
-        the program goes on with its default."""
+        """Whether a file is what is written while a setting that could not be asked for is not there. It was reported,
+        and the program goes on with its default."""
         key = (operation, fault.unknown_setting)
         if key not in self.without:
             before = scenes.snapshot()
@@ -197,7 +197,8 @@ class Oracle:
         for path in sorted(state.keys() | wanted.keys()):
             if state.get(path) != wanted.get(path) and not _is_lock(path) and \
                     not self._may_differ_afterwards(operation, path, state):
-                wrong.append(f"the next run ends otherwise: {path}: {entry_difference(state.get(path), wanted.get(path))}")
+                wrong.append(f"the next run ends otherwise: {path}: " +
+                             entry_difference(state.get(path), wanted.get(path)))
         return wrong
 
     def _may_differ_afterwards(self, operation, path, state):

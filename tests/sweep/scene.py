@@ -1,8 +1,8 @@
 """The small panel that the sweeps run on, what it looks like, and one run of the program in it.
 
 Works inside `script/sandbox --empty`. Every feature that opens, writes, asks or starts something is on in three
-domains; the web server and the init scripts are stand-ins that cost little. The panel's database changes once, from what
-the files on disk were written from (the old state) to what an operation is to write (the new one).
+domains; the web server and the init scripts are stand-ins that cost little. The panel's database changes once, from
+what the files on disk were written from (the old state) to what an operation is to write (the new one).
 """
 
 import contextlib
@@ -20,6 +20,7 @@ import time
 
 sys.path.insert(0, os.fspath(pathlib.Path(__file__).resolve().parents[1] / "blackbox"))
 
+from observe import private_devices  # noqa: E402
 from panel import (APACHE, CALLS_LOG, CERTIFICATES_D, FRONTPAGE_D, HTTPD_CONF_D, HTTPD_VHOSTS_D, LOCK_D,  # noqa: E402
                    PRODUCT_RC_D, PRODUCT_ROOT_D, SERVER_FILE, WORKERS_FILE, Panel)
 
@@ -58,8 +59,7 @@ def is_temporary(path):
 def difference(text, wanted):
     """Where a text first differs from the nearest of some texts."""
     def equal_lines(other):
-        return next((number for number, (one, two) in enumerate(zip(text.split(b"\n"), other.split(b"\n"))) if one != two),
-                    min(text.count(b"\n"), other.count(b"\n")))
+        return len(os.path.commonprefix([text.split(b"\n"), other.split(b"\n")]))
 
     nearest = max(wanted, key=equal_lines, default=b"")
     number = equal_lines(nearest)
@@ -153,15 +153,9 @@ class SystemLog:
 
     ENTRY = re.compile(r"<\d+>\w+ +\d+ [\d:]+ halyard\[\d+\]: (.*)", re.DOTALL)
 
-    def __init__(self):
-        made = HOME / "dev"
-        made.mkdir()
-        subprocess.run(["mount", "-t", "tmpfs", "devices", made], check=True)
-        for name in ("null", "zero", "full", "random", "urandom"):
-            (made / name).touch()
-            subprocess.run(["mount", "--bind", f"/dev/{name}", made / name], check=True)
-        (made / "fd").symlink_to("/proc/self/fd")
-        subprocess.run(["mount", "--rbind", made, "/dev"], check=True)
+    def __init__(self, panel):
+        self.devices = private_devices(panel, HOME)
+        self.devices.__enter__()  # until the sandbox ends
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind("/dev/log")
         self.socket.setblocking(False)
@@ -195,7 +189,7 @@ class Scene:
         HOME.mkdir(exist_ok=True)
         ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
         _quick_stand_ins()
-        self.log = SystemLog()
+        self.log = SystemLog(self.panel)
         self._lay_out()
         self.old, self.new = {}, {}
         self._take_states()
@@ -220,8 +214,8 @@ class Scene:
         (shop.directory / "error_docs/not_found.html").touch()
         (shop.directory / "conf/vhost.conf").touch()
         (shop.directory / "conf/siteapp.d").mkdir()
-        panel.domain(LEFT, user="leftuser")
-        panel.domain(THIRD, user="thirduser", php="true")
+        panel.domain(LEFT, user="leftuser", www=True)
+        panel.domain(THIRD, user="thirduser", www=True, php="true")
         panel.default_domain("192.0.2.10", THIRD)
         panel.forwarding("forward.test", "http://b\u00fccher.test/shelf")
         panel.forwarding("frame.test", "http://frame.example/", "frm_fwd")

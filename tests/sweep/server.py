@@ -154,6 +154,7 @@ SETTINGS = {
     r"select val from misc where param='cf_instance_port'": 1,  # as good as no directory of ColdFusion
     r"select val from misc where param='\w+'": 0,
     r"select val from dom_param where dom_id='\d+' and param='\w+'": 0,
+    r"select status from DomainServices where dom_id='\d+' and type='\w+'": 0,
     r"SELECT version FROM Components WHERE name = '[\w-]+'": 0,
 }
 
