@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 char *apache_magic = nullptr;
 int apache_version = 0;
@@ -78,6 +80,19 @@ struct close_pipe {
     pclose(stream);
   }
 };
+using unique_pipe = std::unique_ptr<FILE, close_pipe>;
+
+constexpr int NOT_STARTED = 127; // exit status of a shell that could not start its command
+
+// Whether the pipe of a command that wrote nothing shows that this was all: it could be read, and the command's shell
+// was not killed.
+bool was_silent(unique_pipe pipe) {
+  if (std::ferror(pipe.get()) != 0)
+    return false;
+  const errno_guard keep;
+  const int status = pclose(pipe.release());
+  return WIFEXITED(status) && WEXITSTATUS(status) != NOT_STARTED;
+}
 
 } // namespace
 
@@ -134,11 +149,11 @@ const char *apache_server_root() {
   enter_configuration_directory();
   const bounded_text command("cat %s | egrep \"^[ \\t]*ServerRoot\" | tail -1 | awk '{print $2}'",
                              apache_conf_file());
-  const std::unique_ptr<FILE, close_pipe> pipe(popen(command.c_str(), "re"));
+  unique_pipe pipe(popen(command.c_str(), "re"));
   // One line of at most 4094 characters; the line end belongs to the value.
   if (pipe && std::fgets(server_root, sizeof server_root - 1, pipe.get()) != nullptr)
     return server_root;
-  if (!pipe || std::ferror(pipe.get()) != 0)
+  if (!pipe || !was_silent(std::move(pipe)))
     report_failure(0, 0, "Unable to parse apache config for ServerRoot\n");
   server_root[0] = '\0';
   return server_root;
