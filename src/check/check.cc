@@ -15,6 +15,7 @@
 #include "env/config.h"
 #include "env/webserver.h"
 #include "fs/text.h"
+#include "fs/tree.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -282,9 +283,11 @@ bool report_lying_files(check_run &run) {
   return true;
 }
 
-// What was missing may have come meanwhile, and a domain may have gone.
+// What was missing may have come meanwhile.
 void drop_what_is_over(check_run &run) {
-  const auto is_over = [&](const finding &found) { return !is_asked_for(run, found.name); };
+  const auto is_over = [&](const finding &found) {
+    return !is_asked_for(run, found.name) || (found.is_absence && path_exists(found.file.c_str()));
+  };
   std::vector<finding> &findings = run.result.findings;
   findings.erase(std::remove_if(findings.begin(), findings.end(), is_over), findings.end());
 }

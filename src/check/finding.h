@@ -55,6 +55,7 @@ struct finding {
   std::string file;    // absolute path, "" when no file is concerned
   std::string message; // one line
   severity weight = row_of(what).weight;
+  bool is_absence = false; // of `file`, which may come while the check goes on
 };
 
 // Everything that one check has to say.

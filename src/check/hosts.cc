@@ -42,12 +42,11 @@ struct survey_run {
   std::set<std::string> told{}; // paths and names that have been reported
 };
 
-void add(survey_run &run, const std::string &file, const std::string &message, bool only_warns = false) {
+void add(survey_run &run, const std::string &file, const std::string &message) {
   if (!run.report || !run.told.insert(message).second)
     return;
   run.result.add(kind::unloadable, run.name, file, message);
-  if (only_warns)
-    run.result.findings.back().weight = severity::warning;
+  run.result.findings.back().is_absence = !file.empty();
 }
 
 void claim_name(survey_run &run, const std::string &name) {
@@ -89,10 +88,12 @@ void server_aliases(survey_run &run, const directive &line) {
 void document_root(survey_run &run, const directive &line) {
   if (line.words.empty() || is_directory(line.words[0].c_str()))
     return;
+  const std::size_t before = run.result.findings.size();
   add(run, line.words[0],
       "document root " + line.words[0] + " is missing" +
-          (run.in_host ? "; the server warns and goes on" : ""),
-      run.in_host);
+          (run.in_host ? "; the server warns and goes on" : ""));
+  if (run.in_host && run.result.findings.size() > before)
+    run.result.findings.back().weight = severity::warning;
 }
 
 void log_file(survey_run &run, const directive &line) {

@@ -7,10 +7,12 @@ import re
 import shutil
 import signal
 import subprocess
+import time
 
 import pytest
 
 import check_support as check
+import observe
 from panel import (APACHE, HTTPD_VHOSTS_D, KIV_CONF, PROGRAMS, SERVER_FILE, SHADOW, WORKERS_FILE, wait_until)
 
 INCLUDE = "conf/httpd.include"
@@ -336,6 +338,21 @@ def test_colours_are_for_terminals_that_want_them(panel):
     assert "\033[" not in on_terminal(panel, NO_COLOR="1")
     assert "\033[" not in on_terminal(panel, TERM="dumb")
     assert "\033[" not in check.run(panel).out
+
+
+def test_progress_is_shown_on_a_terminal_when_it_takes_longer_than_a_second(panel):
+    check.clean(panel)
+    # The line comes with the first domain after a second.
+    command = f"{check.PROGRAM} --prometheus /run/mysqld/metrics"
+    script = ["--quiet", "--return", "--command", command, "/dev/null"]
+    with observe.table_lock("hosting"):
+        running = panel.start(*script, program="/usr/bin/script")
+        wait_until(lambda: observe.waits_for_table(panel))
+    with observe.table_lock("web_users", "domainaliases"):
+        wait_until(lambda: observe.waits_for_table(panel))
+        time.sleep(1.2)
+    shown = running.result().out
+    assert re.search(r"\r[12] of 2 domains\033\[K", shown) and "\r\033[K" in shown, repr(shown)
 
 
 def test_diff_can_be_applied_and_then_nothing_is_left_to_do(panel):
