@@ -90,7 +90,9 @@ class Oracle:
                    if not is_temporary(path) and state.get(path) != new.get(path)]
         if outcome.calls != self.scene.calls[operation]:
             missing.append(f"service calls {outcome.calls}")
-        if operation == "remove-fp":  # whether the protection can be put aside does not matter
+        if operation == "install-fp":  # whether the alias can be made does not matter
+            missing = [path for path in missing if path != WWW_CNF]
+        if operation == "remove-fp":  # nor whether the protection can be put aside
             missing = [path for path in missing if not path.startswith(SITE_ROOT + "/.htaccess")]
         return missing
 
