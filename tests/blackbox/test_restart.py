@@ -7,6 +7,7 @@ BURST_ROUNDS=100 repeats the two tests of a burst that often (once by default):
 """
 
 import contextlib
+import errno
 import os
 import re
 import shutil
@@ -940,6 +941,14 @@ def assert_ends_with(result, pattern):
     """Both streams end in what the pattern matches; the complaint about the missing null device comes before it."""
     for text in (result.err, result.out):
         assert re.search(rf"(?:\A|\n){pattern}\Z", text), result
+
+
+def test_run_that_cannot_detach_says_so_and_goes_on(panel, site, tmp_path):
+    with watch.unable_to_detach(panel, tmp_path), watch.adopting(panel) as adoption:
+        result = panel.start(*RECONFIGURE, "--without-restart").result()
+        assert adoption.next_end()[1] == 0
+    assert_said(result, ("Unable to detach, going on in the foreground", errno.ENODEV))
+    assert is_current(panel)
 
 
 def test_settings_that_vanish_before_the_wait_end_the_run_with_the_databases_words(panel, site, tmp_path):

@@ -372,6 +372,14 @@ TEST_F(negotiation_failure, of_an_unknown_character_set_gives_the_servers_number
   EXPECT_EQ(attempt(), "DB error (set names query) 1115: Unknown character set: 'no_such_set'");
 }
 
+TEST_F(negotiation_failure, in_the_middle_of_the_answer_about_the_setting_names_the_step) {
+  const admin_connection db;
+  substituted_statements[SETTING_QUERY] =
+      "SELECT (SELECT n FROM (SELECT 1 AS n UNION SELECT 2) t WHERE t.n <= o.m) "
+      "FROM (SELECT 1 AS m UNION SELECT 2) o";
+  EXPECT_EQ(negotiate(db), "DB error (store query result) 1242: Subquery returns more than 1 row");
+}
+
 TEST_F(negotiation_failure, without_an_error_number_is_an_unknown_error) {
   const admin_connection db;
   substituted_statements[VERSION_QUERY] = "DO 0";
@@ -555,6 +563,17 @@ TEST_F(lost_session, without_a_server_is_reported_once_and_the_next_statement_fa
   EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(run.err.starts_with("Unable to connect to Quarry Database: Can't connect to local")) << run.err;
   EXPECT_EQ(run.out, run.err + "0 " + GONE);
+}
+
+TEST_F(lost_session, without_memory_for_a_new_one_ends_the_run) {
+  const outcome run = run_in_child([] {
+    const admin_connection db;
+    sql("KILL CONNECTION " + std::to_string(mysql_thread_id(db)));
+    connections_settled_at(0);
+    library_is_out_of_memory = true;
+    db_reconnect_if_lost(db);
+  });
+  EXPECT_TRUE(said(run, 1, {"Unable to initialize MySQL connection structure: Cannot allocate memory"}));
 }
 
 TEST_F(lost_session, is_closed_with_its_handle) {
