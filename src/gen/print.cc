@@ -61,6 +61,27 @@ int print_include_of(FILE *out, const char *path, presence found) {
   return 0;
 }
 
+// Name of the password file of a protected directory in `name`. Returns false when it is too long to be one.
+bool compose_password_file_name(const char *relative_path, char (&name)[TEXT_SIZE]) {
+  const char *path_below = relative_path[0] == '/' ? relative_path + 1 : relative_path;
+  if (strn_replace(path_below, name, "/", "@", sizeof name) != name) {
+    errno = ENOMEM; // its own report has overwritten it
+    end_run("Cannot allocate memory: %s", std::strerror(errno));
+  }
+  name[sizeof name - 1] = '\0';
+  return std::strlen(name) <= PASSWORD_FILE_NAME_MAX;
+}
+
+// Null when memory is out.
+unique_text password_file_path(const char *domain, const char *name) {
+  const std::size_t size =
+      std::strlen(HTTPD_VHOSTS_D) + std::strlen(domain) + std::strlen(name) + sizeof "//pd/d..";
+  unique_text path(static_cast<char *>(std::malloc(size)));
+  if (path)
+    std::snprintf(path.get(), size, "%s/%s/pd/d..%s", HTTPD_VHOSTS_D, domain, name);
+  return path;
+}
+
 } // namespace
 
 void print_warning_banner(FILE *out, const char *domain, bool with_ssl) {
@@ -183,7 +204,11 @@ void print_php(FILE *out, bool enabled, bool safe_mode, const char *open_basedir
 
 void print_protected_dir(FILE *out, const char *directory, const char *domain, const char *realm,
                          const char *relative_path) {
-  const unique_text password_file = protected_dir_password_file(domain, relative_path);
+  char name[TEXT_SIZE];
+  const bool has_file = compose_password_file_name(relative_path, name);
+  const unique_text password_file = has_file ? password_file_path(domain, name) : nullptr;
+  if (has_file && !password_file)
+    end_run("Cannot allocate memory: %s", std::strerror(errno));
   fprintf(out,
           "\t<Directory \"%s\">\n"
           "\t\tAuthType Basic\n"
@@ -196,21 +221,7 @@ void print_protected_dir(FILE *out, const char *directory, const char *domain, c
 
 unique_text protected_dir_password_file(const char *domain, const char *relative_path) {
   char name[TEXT_SIZE];
-  const char *path_below = relative_path[0] == '/' ? relative_path + 1 : relative_path;
-  if (strn_replace(path_below, name, "/", "@", sizeof name) != name) {
-    errno = ENOMEM; // its own report has overwritten it
-    end_run("Cannot allocate memory: %s", std::strerror(errno));
-  }
-  name[sizeof name - 1] = '\0';
-  if (std::strlen(name) > PASSWORD_FILE_NAME_MAX)
-    return nullptr;
-
-  const std::size_t size =
-      std::strlen(HTTPD_VHOSTS_D) + std::strlen(domain) + std::strlen(name) + sizeof "//pd/d..";
-  unique_text path(static_cast<char *>(std::malloc(size)));
-  if (path)
-    std::snprintf(path.get(), size, "%s/%s/pd/d..%s", HTTPD_VHOSTS_D, domain, name);
-  return path;
+  return compose_password_file_name(relative_path, name) ? password_file_path(domain, name) : nullptr;
 }
 
 int print_error_docs(FILE *out, const char *domain) {

@@ -362,6 +362,16 @@ TEST_F(print_block, protection_without_memory_for_the_name_of_its_password_file_
   EXPECT_NE(run.err.find("Cannot allocate memory: Cannot allocate memory\n"), std::string::npos);
 }
 
+TEST_F(print_block, protection_without_memory_for_the_path_of_its_password_file_ends_the_run) {
+  const outcome run = run_in_child([] {
+    fail_allocations_of(std::strlen(HTTPD_VHOSTS_D) + sizeof "/example.test/pd/d..httpdocs");
+    print_protected_dir(stdout, "/srv/sites/example.test/httpdocs", "example.test", "realm", "httpdocs");
+  });
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out,
+            "Cannot allocate memory: Cannot allocate memory\nSystem error 12: Cannot allocate memory\n");
+}
+
 TEST_F(print_block, certificate_in_a_directory_that_could_not_be_composed_ends_the_run) {
   const outcome run = run_in_child([] {
     CERTIFICATES_D = nullptr;
