@@ -81,7 +81,9 @@ struct pipe_signal_keeper {
   struct sigaction before = {};
 };
 
+// The first one is also for the greeting and for a place in the queue of those who wait for theirs.
 void set_timeouts(MYSQL *db) {
+  mysql_options(db, MYSQL_OPT_CONNECT_TIMEOUT, &ANSWER_SECONDS);
   mysql_options(db, MYSQL_OPT_READ_TIMEOUT, &ANSWER_SECONDS);
   mysql_options(db, MYSQL_OPT_WRITE_TIMEOUT, &ANSWER_SECONDS);
 }
@@ -94,8 +96,6 @@ bool is_full(MYSQL *db) {
     return true;
   case ER_USER_LIMIT_REACHED: // connections at once, or something per hour
     return std::strstr(mysql_error(db), "'max_user_connections'") != nullptr;
-  case CR_CONNECTION_ERROR: // or not even room for one more to wait
-    return errno == EAGAIN;
   default:
     return false;
   }

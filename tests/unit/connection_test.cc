@@ -51,7 +51,8 @@ extern "C" unsigned STDCALL mysql_errno(MYSQL *db) {
 }
 
 extern "C" int STDCALL mysql_options(MYSQL *db, mysql_option option, const void *value) {
-  if (option == MYSQL_OPT_READ_TIMEOUT || option == MYSQL_OPT_WRITE_TIMEOUT) {
+  if (option == MYSQL_OPT_CONNECT_TIMEOUT || option == MYSQL_OPT_READ_TIMEOUT ||
+      option == MYSQL_OPT_WRITE_TIMEOUT) {
     timeouts[option] = *static_cast<const unsigned *>(value);
     if (shorter_timeout != 0)
       value = &shorter_timeout;
@@ -649,24 +650,6 @@ TEST_F(full_server, may_be_full_for_this_account_only) {
   EXPECT_GT(pauses.size(), 1U);
 }
 
-TEST_F(full_server, may_be_too_busy_to_take_connections) {
-  const stopped_server server;
-  sockaddr_un place = {AF_UNIX, "/run/mysqld/mysqld.sock"};
-  const auto *address = reinterpret_cast<const sockaddr *>(&place);
-  const int busy = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int first = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  ASSERT_EQ(bind(busy, address, sizeof place), 0);
-  ASSERT_EQ(listen(busy, 0), 0);
-  ASSERT_EQ(connect(first, address, sizeof place), 0);
-  pauses_are_real = false;
-  EXPECT_TRUE(attempt().starts_with("Unable to connect to Quarry Database: Can't connect to local"));
-  pauses_are_real = true;
-  EXPECT_GT(pauses.size(), 1U);
-  close(first);
-  close(busy);
-  unlink(place.sun_path);
-}
-
 TEST_F(full_server, is_not_what_refuses_a_password) {
   const wrong_password wrong;
   pauses_are_real = false;
@@ -674,8 +657,49 @@ TEST_F(full_server, is_not_what_refuses_a_password) {
   EXPECT_TRUE(pauses.empty());
 }
 
+// A server that takes no connection from its queue, which has room for so many.
+struct stalled_server {
+  explicit stalled_server(int room) {
+    const auto *address = reinterpret_cast<const sockaddr *>(&place);
+    EXPECT_EQ(bind(queue, address, sizeof place), 0);
+    EXPECT_EQ(listen(queue, room), 0);
+    EXPECT_EQ(connect(first, address, sizeof place), 0);
+  }
+  ~stalled_server() {
+    close(first);
+    close(queue);
+    unlink(place.sun_path);
+  }
+  stalled_server(const stalled_server &) = delete;
+  stalled_server &operator=(const stalled_server &) = delete;
+
+  stopped_server stopped;
+  sockaddr_un place = {AF_UNIX, "/run/mysqld/mysqld.sock"};
+  int queue = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int first = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+TEST_F(silent_server, that_never_greets_is_given_up_in_the_librarys_words) {
+  const stalled_server server(5);
+  shorter_timeout = 1;
+  alarm(60);
+  EXPECT_EQ(attempt(),
+            "Unable to connect to Quarry Database: Lost connection to server at 'handshake: reading "
+            "initial communication packet', system error: 110");
+  alarm(0);
+}
+
+TEST_F(silent_server, whose_queue_stays_full_is_given_up_in_the_librarys_words) {
+  const stalled_server server(0);
+  shorter_timeout = 1;
+  alarm(60);
+  EXPECT_TRUE(attempt().starts_with("Unable to connect to Quarry Database: Can't connect to local"));
+  alarm(0);
+}
+
 TEST_F(silent_server, has_minutes_for_each_answer) {
   ASSERT_EQ(attempt(), "connected");
+  EXPECT_EQ(timeouts[MYSQL_OPT_CONNECT_TIMEOUT], 300U);
   EXPECT_EQ(timeouts[MYSQL_OPT_READ_TIMEOUT], 300U);
   EXPECT_EQ(timeouts[MYSQL_OPT_WRITE_TIMEOUT], 300U);
 }
