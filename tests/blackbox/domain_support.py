@@ -53,6 +53,27 @@ TRACE_REFUSAL = ("<IfModule mod_rewrite.c>\n"
                  "\tRewriteRule .* - [F]\n"
                  "</IfModule>\n")
 
+# What a domain's file asks for first, and what its subdomains' hosts do.
+DOMAIN_QUERY = (
+    "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
+    "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
+    "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
+    "\th.traffic_bandwidth, h.max_connection "
+    "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
+    "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
+    "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
+    "\tand d.name='{name}'")
+
+SUBDOMAINS_QUERY = (
+    "select d.id, d.name, u.login, c.email, ipa.ip_address, h.webstat, h.php_safe_mode, "
+    "\t\ts.ssi, s.php, s.cgi, s.perl, s.asp, s.python, s.coldfusion, s.name, "
+    "\t\ts.sys_user_type, s.sys_user_id, s.ssl, s.same_ssl, cert.cert_file, cert.ca_file, s.fastcgi, s.miva, "
+    "\t\th.traffic_bandwidth, h.max_connection "
+    "\t\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, subdomains s, certificates cert "
+    "\t\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
+    "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
+    "\t\tand d.name='{name}'")
+
 
 def php_on(open_basedir, safe_mode="on"):
     body = ("\t\tphp_admin_flag engine on\n"

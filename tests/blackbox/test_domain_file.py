@@ -11,9 +11,9 @@ import struct
 import pytest
 from panel import (AWSTATS_DOC_D, HTTPD_INCLUDE_D, HTTPD_VHOSTS_D, KIVCLN_GID, SERVER_FILE, WORKERS_FILE, WWWRUN_UID)
 
-from domain_support import (FASTCGI, PERL, PHP_OFF, TRACE_REFUSAL, InstalledFile, after_database, after_user_lookup,
-                            assert_reported, conf_entries, directories, domain_text, expected, host, php_on,
-                            run_restricted, write_domain)
+from domain_support import (DOMAIN_QUERY, FASTCGI, PERL, PHP_OFF, SUBDOMAINS_QUERY, TRACE_REFUSAL, InstalledFile,
+                            after_database, after_user_lookup, assert_reported, conf_entries, directories, domain_text,
+                            expected, host, php_on, run_restricted, write_domain)
 
 ERROR_PAGES = [
     "bad_request.html", "unauthorized.html", "forbidden.html", "not_found.html", "internal_server_error.html",
@@ -729,26 +729,6 @@ def test_reconfiguring_all_passes_over_domains_that_are_suspended_or_forward(pan
 
 
 # What the database is asked
-
-DOMAIN_QUERY = (
-    "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
-    "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
-    "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
-    "\th.traffic_bandwidth, h.max_connection "
-    "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
-    "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
-    "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
-    "\tand d.name='{name}'")
-
-SUBDOMAINS_QUERY = (
-    "select d.id, d.name, u.login, c.email, ipa.ip_address, h.webstat, h.php_safe_mode, "
-    "\t\ts.ssi, s.php, s.cgi, s.perl, s.asp, s.python, s.coldfusion, s.name, "
-    "\t\ts.sys_user_type, s.sys_user_id, s.ssl, s.same_ssl, cert.cert_file, cert.ca_file, s.fastcgi, s.miva, "
-    "\t\th.traffic_bandwidth, h.max_connection "
-    "\t\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, subdomains s, certificates cert "
-    "\t\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
-    "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
-    "\t\tand d.name='{name}'")
 
 WEB_USERS_QUERY = (
     "select u.login, w.ssi, w.php, w.cgi, w.perl, w.asp, w.python, w.fastcgi "

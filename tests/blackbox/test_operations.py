@@ -6,6 +6,7 @@ import re
 import pytest
 import watch
 
+from domain_support import DOMAIN_QUERY, SUBDOMAINS_QUERY
 from observe import EARLIER, age, effects, queries_of_admin
 from panel import FRONTPAGE_D, HTTPD_INCLUDE_D, SERVER_FILE, WORKERS_FILE
 
@@ -347,14 +348,7 @@ def test_reconfiguration_of_one_domain_sends_these_statements_over_one_connectio
     assert statements == OPENING + [
         "select id from domains where name='one.test'",
         f"select htype from domains where id='{one}'",
-        "select d.id, d.name, u.login, c.email, h.ssi, h.php, h.php_safe_mode, h.cgi, h.perl, h.asp, h.ssl, "
-        "\th.webstat, h.python, h.fp, h.fp_ssl, h.coldfusion, h.same_ssl, "
-        "\tipa.ip_address, cert.cert_file, cert.ca_file, h.fastcgi, h.miva, "
-        "\th.traffic_bandwidth, h.max_connection "
-        "\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, certificates cert "
-        "\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
-        "\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and ipa.ssl_certificate_id=cert.id "
-        "\tand d.name='one.test'",
+        DOMAIN_QUERY.format(name="one.test"),
         f"select status from DomainServices where dom_id='{one}' and type='tomcat'",
         "select * from domains d, dns_zone z, dns_recs r "
         f"\t\twhere d.id='{one}' and d.dns_zone_id=z.id and r.dns_zone_id=z.id "
@@ -367,14 +361,7 @@ def test_reconfiguration_of_one_domain_sends_these_statements_over_one_connectio
         f"select name \t\t\t\tfrom domainaliases where status='0' and web='true' and dom_id={one}",
         f"select p.realm, p.path from protected_dirs p where p.dom_id={one} and p.non_ssl='true'",
         f"select p.realm, p.path from protected_dirs p where p.dom_id={one} and p.cgi_bin='true'",
-        "select d.id, d.name, u.login, c.email, ipa.ip_address, h.webstat, h.php_safe_mode, "
-        "\t\ts.ssi, s.php, s.cgi, s.perl, s.asp, s.python, s.coldfusion, s.name, "
-        "\t\ts.sys_user_type, s.sys_user_id, s.ssl, s.same_ssl, cert.cert_file, cert.ca_file, s.fastcgi, s.miva, "
-        "\t\th.traffic_bandwidth, h.max_connection "
-        "\t\tfrom clients c, domains d, hosting h, sys_users u, IP_Addresses ipa, subdomains s, certificates cert "
-        "\t\twhere h.sys_user_id=u.id and d.cl_id=c.id and h.dom_id=d.id and d.status='0' "
-        "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
-        "\t\tand d.name='one.test'",
+        SUBDOMAINS_QUERY.format(name="one.test"),
     ]
 
 

@@ -3,7 +3,9 @@
 #include "env/config.h"
 #include "support.h"
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
@@ -130,46 +132,39 @@ TEST_F(lock_file, that_exists_is_used_as_it_is) {
   EXPECT_EQ(owner_and_mode(root / "var/utilities.sem"), "0:0 0640");
 }
 
+// Whether open_sem ends the run because this file cannot be opened, for this reason.
+testing::AssertionResult cannot_open(const std::string &path, int error) {
+  const std::string words = std::strerror(error);
+  return reported(run_in_child(open_sem), 1,
+                  "failed to open semaphore file " + path + ": " + words + "\nSystem error " +
+                      std::to_string(error) + ": " + words + "\n");
+}
+
 TEST_F(lock_file, below_something_that_is_no_directory_ends_the_run) {
   write_file(root / "var", "");
-  EXPECT_TRUE(reported(run_in_child(open_sem), 1,
-                       "failed to open semaphore file " + root.path +
-                           "/var/utilities.sem: Not a directory\n"
-                           "System error 20: Not a directory\n"));
+  EXPECT_TRUE(cannot_open(root / "var/utilities.sem", ENOTDIR));
 }
 
 TEST_F(lock_file, below_a_link_that_leads_nowhere_ends_the_run) {
   ASSERT_EQ(symlink((root / "nowhere").c_str(), (root / "var").c_str()), 0);
-  EXPECT_TRUE(reported(run_in_child(open_sem), 1,
-                       "failed to open semaphore file " + root.path +
-                           "/var/utilities.sem: Not a directory\n"
-                           "System error 20: Not a directory\n"));
+  EXPECT_TRUE(cannot_open(root / "var/utilities.sem", ENOTDIR));
 }
 
 TEST_F(lock_file, that_is_a_directory_ends_the_run) {
   make_directories(root / "var/utilities.sem");
-  EXPECT_TRUE(reported(run_in_child(open_sem), 1,
-                       "failed to open semaphore file " + root.path +
-                           "/var/utilities.sem: Is a directory\n"
-                           "System error 21: Is a directory\n"));
+  EXPECT_TRUE(cannot_open(root / "var/utilities.sem", EISDIR));
 }
 
 TEST_F(lock_file, whose_directory_cannot_be_made_ends_the_run) {
   // In /proc, nobody makes directories.
   PRODUCT_ROOT_D = "/proc/self/product";
-  EXPECT_TRUE(reported(run_in_child(open_sem), 1,
-                       "failed to open semaphore file /proc/self/product/var/utilities.sem: "
-                       "No such file or directory\n"
-                       "System error 2: No such file or directory\n"));
+  EXPECT_TRUE(cannot_open("/proc/self/product/var/utilities.sem", ENOENT));
 }
 
 TEST_F(lock_file, that_cannot_be_created_in_the_second_try_either_ends_the_run) {
   ASSERT_EQ(mkdir((root / "var").c_str(), 0755), 0);
   ASSERT_EQ(symlink((root / "nowhere/utilities.sem").c_str(), (root / "var/utilities.sem").c_str()), 0);
-  EXPECT_TRUE(reported(run_in_child(open_sem), 1,
-                       "failed to open semaphore file " + root.path +
-                           "/var/utilities.sem: No such file or directory\n"
-                           "System error 2: No such file or directory\n"));
+  EXPECT_TRUE(cannot_open(root / "var/utilities.sem", ENOENT));
 }
 
 TEST_F(lock_file, that_is_closed_twice_ends_the_run) {
