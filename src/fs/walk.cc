@@ -107,6 +107,21 @@ void read_entries(level &here, const walk_rules &rules, bool at_top) {
   }
 }
 
+// Enters a directory and handles what is in it. So deep down that too many are open, the uppermost of them is closed.
+void descend(std::vector<level> &levels, const tree_place &place, const walk_rules &rules) {
+  if (levels.size() >= HELD_LEVELS)
+    close_directory_of(levels[levels.size() - HELD_LEVELS]);
+  levels.push_back(enter_directory(place));
+  read_entries(levels.back(), rules, levels.size() == 1);
+}
+
+// Goes back to where the walk began.
+void leave_top(level &top, unique_fd &start) {
+  if (fchdir(start.fd) != 0 || start.close() != 0)
+    no_way_back();
+  close_directory_of(top);
+}
+
 // The next sub-directory to walk, or null. It lasts as long as the level.
 const char *next_directory(level &here) {
   if (here.next == here.pending.size())
@@ -126,27 +141,18 @@ void walk_tree(const tree_place &top, const walk_rules &rules) {
     end_run("Unable to get file descriptor of current dir: %s\n", std::strerror(errno));
 
   std::vector<level> levels; // the last one is where the walk is
-  const auto descend = [&](const tree_place &place) {
-    if (levels.size() >= HELD_LEVELS)
-      close_directory_of(levels[levels.size() - HELD_LEVELS]);
-    levels.push_back(enter_directory(place));
-    read_entries(levels.back(), rules, levels.size() == 1);
-  };
-
-  descend(top);
+  descend(levels, top, rules);
   for (;;) {
     if (const char *name = next_directory(levels.back())) {
       const tree_place place{AT_FDCWD, name, name};
       if (rules.enter(place))
-        descend(place);
+        descend(levels, place, rules);
       continue;
     }
     level done = std::move(levels.back());
     levels.pop_back();
     if (levels.empty()) {
-      if (fchdir(start.fd) != 0 || start.close() != 0)
-        no_way_back();
-      close_directory_of(done);
+      leave_top(done, start);
       rules.left(top, true);
       return;
     }
