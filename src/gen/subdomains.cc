@@ -143,8 +143,8 @@ int print_host(FILE *out, const subdomain_record &sub, const subdomain_settings 
   const bounded_text applications = path_of(sub, bounded_text("conf/%s", kind.site_applications).c_str());
   if (print_site_applications_include(out, applications.c_str()) != 0)
     return -1;
-  if (print_custom_include(
-          out, path_of(sub, bounded_text("conf/%s", PLAIN_HOST.custom_include).c_str()).c_str()) != 0)
+  const bounded_text custom = path_of(sub, bounded_text("conf/%s", PLAIN_HOST.custom_include).c_str());
+  if (print_custom_include(out, custom.c_str()) != 0)
     return -1;
   fprintf(out, "</VirtualHost>\n\n");
   return 0;
@@ -197,6 +197,38 @@ void send_hosts_ahead(const subdomain_record &sub, MYSQL *db) {
   db_send_ahead(db, aliases_query(sub, PLAIN_HOST).c_str());
 }
 
+// print_subdomains for one of them. `error_docs` is what counted for the one before, and does so where this one's
+// setting cannot be read.
+int print_subdomain(FILE *out, const subdomain_record &sub, uid_t web_server_uid, bool &error_docs,
+                    MYSQL *db) {
+  if (leads_elsewhere(sub.label)) {
+    report_failure(0, 0, "Subdomain name %s of %s cannot be a part of a path, subdomains skipped\n",
+                   sub.label, sub.domain);
+    return -1;
+  }
+  const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
+  const bounded_text full_name("%s.%s", sub.label, sub.domain);
+  char user[TEXT_SIZE];
+  if (!find_user(sub, full_name.c_str(), user, db))
+    return -1;
+  send_hosts_ahead(sub, db);
+  if (const char *setting = get_dom_param(sub.dom_id, ERROR_DOCS, db))
+    error_docs = is_flag_set(setting);
+  const subdomain_settings settings = {full_name.c_str(), user, error_docs};
+
+  if (sub.ssl) {
+    fprintf(out, "<IfModule mod_ssl.c>\n\n");
+    if (print_host(out, sub, settings, SSL_HOST, db) != 0)
+      return -1;
+    fprintf(out, "</IfModule>\n\n");
+  }
+  if (print_host(out, sub, settings, PLAIN_HOST, db) != 0)
+    return -1;
+  if (sub.miva)
+    mkdir_owned(path_of(sub, "mivadata").c_str(), web_server_uid, hosting_gid, 0770);
+  return 0;
+}
+
 } // namespace
 
 void send_subdomains_ahead(const char *domain, MYSQL *db) {
@@ -213,33 +245,8 @@ int print_subdomains(FILE *out, const char *domain, MYSQL *db) {
   bool error_docs = true; // until the first setting that can be read
   const unique_result rows =
       select_by_domain_name(db, SUBDOMAINS_OF, domain, "Unable to define subdomains parameters");
-  while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
-    const subdomain_record sub = decode_row(domain, row);
-    if (leads_elsewhere(sub.label)) {
-      report_failure(0, 0, "Subdomain name %s of %s cannot be a part of a path, subdomains skipped\n",
-                     sub.label, domain);
+  while (MYSQL_ROW row = mysql_fetch_row(rows.get()))
+    if (print_subdomain(out, decode_row(domain, row), web_server_uid, error_docs, db) != 0)
       return -1;
-    }
-    const gid_t hosting_gid = group_id_by_name(HOSTING_GROUP);
-    const bounded_text full_name("%s.%s", sub.label, domain);
-    char user[TEXT_SIZE];
-    if (!find_user(sub, full_name.c_str(), user, db))
-      return -1;
-    send_hosts_ahead(sub, db);
-    if (const char *setting = get_dom_param(sub.dom_id, ERROR_DOCS, db))
-      error_docs = is_flag_set(setting);
-    const subdomain_settings settings = {full_name.c_str(), user, error_docs};
-
-    if (sub.ssl) {
-      fprintf(out, "<IfModule mod_ssl.c>\n\n");
-      if (print_host(out, sub, settings, SSL_HOST, db) != 0)
-        return -1;
-      fprintf(out, "</IfModule>\n\n");
-    }
-    if (print_host(out, sub, settings, PLAIN_HOST, db) != 0)
-      return -1;
-    if (sub.miva)
-      mkdir_owned(path_of(sub, "mivadata").c_str(), web_server_uid, hosting_gid, 0770);
-  }
   return 0;
 }
