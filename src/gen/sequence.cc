@@ -26,7 +26,7 @@ constexpr char LIST_FAILURE[] = "Unable to define virtual hosts parameters";
 constexpr char TOMCAT[] = "tomcat";
 constexpr char WEB_USER_SCRIPTS[] = "wu_script";
 
-void require_domain_name(const char *domain) {
+void require_name(const char *domain) {
   if (is_empty(domain))
     end_run("Error: empty DomainName");
 }
@@ -111,13 +111,44 @@ void send_hosts_ahead(const domain_record &domain, const domain_settings &settin
   send_subdomains_ahead(domain.name, db);
 }
 
+// What is looked up for a domain that is not skipped.
+domain_settings look_up_settings(const domain_record &domain, int tomcat_status, MYSQL *db) {
+  const bool www = get_www_prefix(domain.id, db) != 0; // a database that cannot tell counts as yes
+  send_other_lookups_ahead(domain, db);
+  get_anon_ftp(domain.id, db); // asked for the report on a broken table only
+  return {
+      .tomcat_status = tomcat_status,
+      .www = www,
+      .error_docs = is_flag_set(get_dom_param(domain.id, ERROR_DOCS, db)),
+      .wu_script = is_flag_set(get_dom_param(domain.id, WEB_USER_SCRIPTS, db)),
+  };
+}
+
+// Writes the whole file, and makes the directory of Miva's data. Returns 0, or -1 after a report when the
+// domain is skipped.
+int print_domain_file(FILE *out, const domain_record &domain, const domain_settings &settings,
+                      uid_t web_server_uid, gid_t hosting_gid, MYSQL *db) {
+  if (print_domain_hosts(out, domain, settings, db) != 0) {
+    report_failure(0, 0, "Virtual host %s skipped\n", domain.name);
+    return -1;
+  }
+  if (domain.miva)
+    mkdir_owned(bounded_text("%s/%s/mivadata", HTTPD_VHOSTS_D, domain.name).c_str(), web_server_uid,
+                hosting_gid, 0770);
+  if (print_subdomains(out, domain.name, db) != 0) {
+    report_failure(0, 0, "Error in print subdomains configuration for %s\n", domain.name);
+    return -1;
+  }
+  return 0;
+}
+
 using installer = void (*)(staged_file file);
 
-// create_vhost_config but for what a domain that is skipped leaves ahead. `next` is the domain whose turn is next if
-// this one is not skipped, or null.
+// create_vhost_config but for what a domain that is skipped leaves ahead. `next` is the domain whose turn is
+// next if this one is not skipped, or null.
 int write_domain_file(const char *name, const char *next, installer install, MYSQL *db) {
   const uid_t web_server_uid = user_id_by_name(WEB_SERVER_USER, false);
-  require_domain_name(name);
+  require_name(name);
   const unique_result result = select_by_domain_name(db, DOMAIN_RECORD_OF, name, LIST_FAILURE);
   MYSQL_ROW row = mysql_fetch_row(result.get());
   if (row == nullptr) {
@@ -135,29 +166,10 @@ int write_domain_file(const char *name, const char *next, installer install, MYS
     report_failure(0, 0, "User %s does not exist, virtual host %s skipped\n", domain.login, name);
     return -1;
   }
-  const bool www = get_www_prefix(domain.id, db) != 0; // a database that cannot tell counts as yes
-  send_other_lookups_ahead(domain, db);
-  get_anon_ftp(domain.id, db); // asked for the report on a broken table only
-  const domain_settings settings = {
-      .tomcat_status = tomcat_status,
-      .www = www,
-      .error_docs = is_flag_set(get_dom_param(domain.id, ERROR_DOCS, db)),
-      .wu_script = is_flag_set(get_dom_param(domain.id, WEB_USER_SCRIPTS, db)),
-  };
+  const domain_settings settings = look_up_settings(domain, tomcat_status, db);
   send_hosts_ahead(domain, settings, db);
-
-  FILE *out = file.out.get();
-  if (print_domain_hosts(out, domain, settings, db) != 0) {
-    report_failure(0, 0, "Virtual host %s skipped\n", name);
+  if (print_domain_file(file.out.get(), domain, settings, web_server_uid, hosting_gid, db) != 0)
     return -1;
-  }
-  if (domain.miva)
-    mkdir_owned(bounded_text("%s/%s/mivadata", HTTPD_VHOSTS_D, name).c_str(), web_server_uid, hosting_gid,
-                0770);
-  if (print_subdomains(out, name, db) != 0) {
-    report_failure(0, 0, "Error in print subdomains configuration for %s\n", name);
-    return -1;
-  }
   if (next != nullptr)
     send_by_domain_name_ahead(db, DOMAIN_RECORD_OF, next);
   install(std::move(file));
@@ -171,14 +183,15 @@ int create_domain_file(const char *name, const char *next, installer install, MY
   return result;
 }
 
-// A name that leads elsewhere must not stop the others, so it is left out here where it would end its own run.
+// A name that leads elsewhere must not stop the others, so it is left out here where it would end its own
+// run.
 void create_each(const unique_result &domains, MYSQL *db) {
   MYSQL_ROW row = mysql_fetch_row(domains.get());
   while (row != nullptr) {
     const char *name = row[1];
     row = mysql_fetch_row(domains.get());
     const char *next = row != nullptr && is_plain_name(row[1]) ? row[1] : nullptr;
-    if (!is_empty(name) && !is_plain_name(name))
+    if (leads_elsewhere(name))
       report_failure(0, 0, "Domain name %s cannot be a part of a path, virtual host skipped\n", name);
     else
       create_domain_file(name, next, install_in_batch, db);
@@ -197,7 +210,7 @@ int create_vhost_config(const char *name, MYSQL *db) {
 }
 
 void remove_vhost_config(const char *domain) {
-  require_domain_name(domain);
+  require_name(domain);
   require_plain_name(domain);
   const bounded_text path = include_file_of(domain);
   if (look_for(path.c_str()) == presence::absent)
@@ -207,7 +220,7 @@ void remove_vhost_config(const char *domain) {
 }
 
 void create_ip_config(const char *ip_address, MYSQL *db) {
-  assert_quotable(ip_address, "sequence.c", __LINE__, __func__);
+  ASSERT_QUOTABLE(ip_address, "sequence.c");
   const bounded_text query("select d.id, d.name \t\tfrom domains d, hosting h, IP_Addresses ipa "
                            "\t\twhere h.dom_id=d.id and d.status='0' and d.htype='vrt_hst' "
                            "\t\tand ipa.id=h.ip_address_id and ipa.ip_address='%s'",
