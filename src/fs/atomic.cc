@@ -25,8 +25,8 @@ bool write_fully(int fd, const char *data, std::size_t size) {
   return true;
 }
 
-// Copies everything. Returns null, or the step that failed with errno set. A source that cannot be read to its end must
-// not become the live file.
+// Copies everything. Returns null, or the step that failed with errno set. A source that cannot be read to
+// its end must not become the live file.
 const char *copy_bytes(int in, int out) {
   char chunk[CHUNK_SIZE];
   ssize_t count;
@@ -80,7 +80,8 @@ constexpr std::size_t BATCH_SIZE = 64;
 // What install_in_batch has finished.
 std::vector<whole_copy> batch;
 
-// The file systems of all copies, once each. Sites may lie on several.
+// Flushes the file systems of all copies, each once: sites may lie on several. Returns whether it did; if
+// not, the copy that it failed for is in `failed`.
 bool flush_all(std::vector<whole_copy> &copies, whole_copy *&failed) {
   std::set<dev_t> flushed;
   for (whole_copy &copy : copies) {
@@ -93,7 +94,8 @@ bool flush_all(std::vector<whole_copy> &copies, whole_copy *&failed) {
   return true;
 }
 
-// Returns null, or the step that failed with the copy in `failed` and errno set.
+// Flushes and renames all copies. Returns null, or the step that failed, with the copy in `failed` and errno
+// set.
 const char *put_in_place(std::vector<whole_copy> &copies, whole_copy *&failed) {
   if (!flush_all(copies, failed))
     return "flush";
@@ -120,9 +122,8 @@ void install_batch_at_exit() {
 staged_file open_staged_file(const bounded_text &target) {
   staged_file file{target, bounded_text("%s.new", target.c_str()), nullptr};
   unlink(file.work.c_str()); // whatever it is: a dangling link, too, would lead us elsewhere
-  unique_fd fd(open(file.work.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (fd.fd >= 0)
-    file.out.reset(fdopen(fd.release(), "w"));
+  constexpr int FLAGS = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+  file.out = open_stream(unique_fd(open(file.work.c_str(), FLAGS, 0600)), "w");
   if (!file.out)
     end_run("Unable to open file %s for writing: %s\n", file.work.c_str(), std::strerror(errno));
   return file;
