@@ -153,12 +153,12 @@ def test_link_to_an_administration_program_will_do(panel):
     assert len(panel.owsadm_calls()) == 1
 
 
-def test_administration_program_that_the_shell_cannot_start_leaves_the_operation_without_result(panel):
+def test_administration_program_that_the_shell_cannot_start_is_reported(panel):
     panel.domain(DOMAIN)
     OWSADM.write_text("#!/nonexistent/interpreter\n")
     result = run(panel, "enable-fp")
-    assert (result.status, result.out) == (0, "")
-    assert "owsadm.exe" in result.err  # the shell's own words
+    assert (result.status, result.out) == (0, f"halyard: Unable to run {OWSADM}\n")
+    assert result.err.endswith(result.out)  # behind the shell's own words
     assert panel.service_calls() == [("apache", "restart")]
 
 

@@ -15,7 +15,7 @@ SIZE = struct.calcsize(FORMAT)
 
 # Libraries that crash inside when memory is out: libmariadb and the name service below it while it connects, and the C
 # library's regcomp, which frees twice what it could not fill.
-CRASHING = re.compile(r"/lib(mariadb|idn|crypto)\.so[^/]*$|regcomp$")
+CRASHING = re.compile(r"/lib(mariadb|idn|crypto|stdc\+\+)\.so[^/]*$|regcomp$")
 
 
 class MemoryFault(Fault):
