@@ -11,7 +11,8 @@ import re
 import pytest
 
 import check_support as check
-from random_panel import Filler, RandomPanel
+from panel_filler import Filler
+from random_panel import RandomPanel
 from test_sample_panel import load_sample
 
 SEED = int(os.environ.get("CHECK_SEED", "1"))
