@@ -828,6 +828,7 @@ TEST_F(quoting_rule, aborts_a_getter_before_it_sends_anything) {
 
 TEST_F(handle_ownership, without_a_handle_a_connection_is_opened_and_closed) {
   set_misc("admin_email", "'post@lakeside.example'");
+  ASSERT_EQ(connections_settled_at(0), 0); // those of earlier tests say that they quit, too
   const statement_log log;
   EXPECT_STREQ(get_misc_param("admin_email", nullptr), "post@lakeside.example");
   EXPECT_EQ(connections_settled_at(0), 0);
