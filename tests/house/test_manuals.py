@@ -102,7 +102,9 @@ def test_every_setting_that_is_read_is_in_the_manual_and_no_other():
     text = page("halyard-schema.7")
     documented = {item.split()[1] for item in items(section(text, "misc")) if item.startswith("Sy ")}
     assert documented == settings
-    domain_settings = set(re.findall(r'get_dom_param\(\s*\w+(?:\.\w+)?, "(\w+)"', sources))
+    constants = dict(re.findall(r'constexpr char (\w+)\[\] = "(\w+)"', sources + "".join(
+        path.read_text() for path in TOP.glob("src/**/*.h"))))
+    domain_settings = {constants[name] for name in re.findall(r'get_dom_param\(\w+\.\w+, (\w+)', sources)}
     documented = {item.split()[1] for item in items(section(text, "dom_param")) if item.startswith("Sy ")}
     assert documented == domain_settings
 
