@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <errmsg.h>
 #include <fcntl.h>
 #include <mysqld_error.h>
 #include <unistd.h>
@@ -25,11 +24,12 @@ constexpr std::size_t PASSWORD_SIZE = 100;
 constexpr std::size_t MESSAGE_SIZE = 4097;
 constexpr char INIT_FAILURE[] = "Unable to initialize MySQL connection structure: %s";
 
-// How long the server may take to answer, in seconds: longer than any statement of ours, or another's table lock,
-// takes on a living server. A run that waits for a dead one holds up all others.
+// How long the server may take to answer, in seconds: longer than any statement of ours, or another's table
+// lock, takes on a living server. A run that waits for a dead one holds up all others.
 constexpr unsigned ANSWER_SECONDS = 300;
 
-// How long a full server is given to find room, and the first of the growing pauses in between, in microseconds.
+// How long a full server is given to find room, and the first of the growing pauses in between, in
+// microseconds.
 constexpr useconds_t FULL_SERVER_PATIENCE = 10'000'000;
 constexpr useconds_t FIRST_PAUSE = 100'000;
 
@@ -63,8 +63,8 @@ bool says_utf8(MYSQL_RES *result) {
   return row != nullptr && !is_empty(row[0]) && std::strcmp(row[0], "false") != 0;
 }
 
-// The library ignores SIGPIPE, and the programs that we run would inherit that. A handler that does nothing serves it
-// as well and is not inherited. Whoever started us with SIGPIPE ignored wants it so for all.
+// The library ignores SIGPIPE, and the programs that we run would inherit that. A handler that does nothing
+// serves it as well and is not inherited. Whoever started us with SIGPIPE ignored wants it so for all.
 struct pipe_signal_keeper {
   pipe_signal_keeper() { sigaction(SIGPIPE, nullptr, &before); }
   ~pipe_signal_keeper() {
@@ -115,8 +115,8 @@ bool real_connect(MYSQL *db, const char *password) {
   }
 }
 
-// Makes a session on an initialised handle, in the state that every query function expects, and wipes the password.
-// Returns whether it did; the reason why not is in `message`.
+// Makes a session on an initialised handle, in the state that every query function expects, and wipes the
+// password. Returns whether it did; the reason why not is in `message`.
 bool open_session(MYSQL *db, char (&password)[PASSWORD_SIZE], char *message, std::size_t message_size) {
   const int errno_before = errno;
   const bool connected = real_connect(db, password);

@@ -21,8 +21,8 @@ struct free_idn {
 };
 using unique_idn = std::unique_ptr<char, free_idn>;
 
-// Calls a library that gives lack of memory the code of another failure. Returns its code; out of memory ends the run.
-// errno is left as the call alone leaves it.
+// Calls a library that gives lack of memory the code of another failure. Returns its code; out of memory ends
+// the run. errno is left as the call alone leaves it.
 template <typename Call> int call_with_memory(const Call &call) {
   const int saved = errno;
   errno = 0;
@@ -34,8 +34,8 @@ template <typename Call> int call_with_memory(const Call &call) {
   return code;
 }
 
-// libidn's conversion: its result code, the name in `ascii` when that is 0; another is kept in idn_last_error. Out of
-// memory ends the run, also where the library calls it a bad name.
+// libidn's conversion: its result code, the name in `ascii` when that is 0; another is kept in
+// idn_last_error. Out of memory ends the run, also where the library calls it a bad name.
 int convert(const char *name, unique_idn &ascii) {
   char *converted = nullptr;
   const int code = call_with_memory([&] { return idna_to_ascii_8z(name, &converted, 0); });

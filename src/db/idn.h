@@ -9,8 +9,8 @@ extern int idn_last_error;
 // English text of a libidn result code; static.
 const char *idn_error_text(int code);
 
-// The ASCII form of a UTF-8 name, newly allocated. Null, unreported, on failure, with the code in idn_last_error.
-// Ends the run when memory is out.
+// The ASCII form of a UTF-8 name, newly allocated. Null, unreported, on failure, with the code in
+// idn_last_error. Ends the run when memory is out.
 unique_text idn_toascii(const char *name);
 
 // The same, but every failure ends the run.

@@ -18,7 +18,8 @@ void free_result::operator()(MYSQL_RES *result) const noexcept {
 
 namespace {
 
-// The client does not always say that memory is out: without a number nobody would see that the connection is unusable.
+// The client does not always say that memory is out: without a number nobody would see that the connection is
+// unusable.
 void name_failure(MYSQL *db) {
   if (mysql_errno(db) != 0)
     return;
@@ -36,8 +37,8 @@ bool is_client_error(unsigned error) {
          (error >= CER_MIN_ERROR && error <= CER_MAX_ERROR);
 }
 
-// So many statements of TEXT_SIZE fit into a socket's buffer: sending never waits for a server that waits for us to take
-// an answer. None where the library might throw away, when it sends, what it has not read.
+// So many statements of TEXT_SIZE fit into a socket's buffer: sending never waits for a server that waits for
+// us to take an answer. None where the library might throw away, when it sends, what it has not read.
 #ifdef MARIADB_PACKAGE_VERSION
 constexpr std::size_t MOST_AHEAD = 16;
 #else
@@ -51,7 +52,8 @@ struct {
   bool held_back = false; // one was not sent, and nothing may overtake it
 } ahead;
 
-// Sends a statement without waiting. One that cannot be sent will fail again at its turn, and nobody hears of it before.
+// Sends a statement without waiting. One that cannot be sent will fail again at its turn, and nobody hears of
+// it before.
 bool send(MYSQL *db, const char *sql) {
   const errno_guard keep;
   if (mysql_send_query(db, sql, static_cast<unsigned long>(std::strlen(sql))) == 0)
