@@ -15,8 +15,8 @@ namespace {
 // So many users are looked up one by one, each a scan of the user database, before it is read as a whole.
 constexpr int SINGLE_LOOKUPS = 8;
 
-// What the database said of a name: its ids, or that there is no such name. `error` is what errno was after the question
-// and is again after every later one: messages show it.
+// What the database said of a name: its ids, or that there is no such name. `error` is what errno was after
+// the question and is again after every later one: messages show it.
 struct account {
   bool exists;
   uid_t uid;
@@ -61,7 +61,8 @@ account look_up_user(const char *name) {
   return known->second;
 }
 
-// As look_up_user; only the gid of the result counts. Groups are few, but one of them may list every hosting account.
+// As look_up_user; only the gid of the result counts. Groups are few, but one of them may list every hosting
+// account.
 account look_up_group(const char *name) {
   static account_map groups;
 

@@ -1,5 +1,5 @@
-// Owners of what the system hands out. They let go in silence and keep errno; whoever must know whether a close
-// succeeded closes by name.
+// Owners of what the system hands out. They let go in silence and keep errno; whoever must know whether a
+// close succeeded closes by name.
 #pragma once
 
 #include "driver/report.h"
@@ -56,6 +56,6 @@ struct unique_fd {
   int fd;
 };
 
-// A stdio stream that takes the descriptor over. Null, with errno set, when there is none to take or no memory; the
-// descriptor is closed then.
+// A stdio stream that takes the descriptor over. Null, with errno set, when there is none to take or no
+// memory; the descriptor is closed then.
 unique_file open_stream(unique_fd fd, const char *mode);

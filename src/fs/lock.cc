@@ -64,7 +64,8 @@ void write_lines(FILE *stream, const char *const *lines) {
   }
 }
 
-// Opens the file for appending, making it if it is missing; a pipe that nobody reads is a failure and no wait.
+// Opens the file for appending, making it if it is missing; a pipe that nobody reads is a failure and no
+// wait.
 unique_fd open_for_appending(const char *path) {
   unique_fd file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666));
   if (file.fd < 0)

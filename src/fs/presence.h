@@ -3,8 +3,8 @@
 
 enum class presence { absent, there, unknown };
 
-// Looks through links, so a dangling one is absent. `unknown` with the reason in errno: anything but a name that leads
-// nowhere (ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG). errno is what stat leaves.
+// Looks through links, so a dangling one is absent. `unknown` with the reason in errno: anything but a name
+// that leads nowhere (ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG). errno is what stat leaves.
 presence look_for(const char *path);
 
 // The same for a directory, or a link to one; anything else at the path counts as absent.

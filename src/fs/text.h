@@ -35,9 +35,9 @@ template <std::size_t SIZE> char *copy_text(char (&destination)[SIZE], const cha
   return destination;
 }
 
-// Copies `source` into `destination` (of `size` bytes, zero-filled like strncpy does) with every occurrence of
-// `search` replaced, as long as the result stays below `size`; the rest of the source follows only if it fits whole.
-// A null or empty `search` copies the source. Returns the destination, null when there is none, or the source
-// after a perror when no scratch memory can be had.
+// Copies `source` into `destination` (of `size` bytes, zero-filled like strncpy does) with every occurrence
+// of `search` replaced, as long as the result stays below `size`; the rest of the source follows only if it
+// fits whole. A null or empty `search` copies the source. Returns the destination, null when there is none,
+// or the source after a perror when no scratch memory can be had.
 const char *strn_replace(const char *source, char *destination, const char *search, const char *replacement,
                          std::size_t size);

@@ -66,8 +66,8 @@ bool only_root_writes(const unique_fd &directory) {
          (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Opens a directory. Links on the way count where root made them: whoever owns a directory on the path cannot lead it
-// elsewhere. None, with errno set, when there is no such way.
+// Opens a directory. Links on the way count where root made them: whoever owns a directory on the path cannot
+// lead it elsewhere. None, with errno set, when there is no such way.
 unique_fd open_trusted_directory(const std::string &path) {
   constexpr int FLAGS = O_PATH | O_DIRECTORY | O_CLOEXEC;
   unique_fd here(open(path.starts_with('/') ? "/" : ".", FLAGS));

@@ -10,8 +10,8 @@
 
 namespace {
 
-// So many directories on the way down are held open for the way back. Farther up it goes by "..", and only into the
-// very directory that the walk came from.
+// So many directories on the way down are held open for the way back. Farther up it goes by "..", and only
+// into the very directory that the walk came from.
 constexpr std::size_t HELD_LEVELS = 16;
 
 // A directory on the way from the top to where the walk is.
@@ -87,8 +87,8 @@ bool is_dot_or_dotdot(const char *name) {
   return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// Handles all entries but the directories, which it notes down: reading on after they were walked would take a
-// descriptor for every level.
+// Handles all entries but the directories, which it notes down: reading on after they were walked would take
+// a descriptor for every level.
 void read_entries(level &here, const walk_rules &rules, bool at_top) {
   while (const dirent *entry = read_entry(here)) {
     const char *name = entry->d_name;
@@ -107,7 +107,8 @@ void read_entries(level &here, const walk_rules &rules, bool at_top) {
   }
 }
 
-// Enters a directory and handles what is in it. So deep down that too many are open, the uppermost of them is closed.
+// Enters a directory and handles what is in it. So deep down that too many are open, the uppermost of them is
+// closed.
 void descend(std::vector<level> &levels, const tree_place &place, const walk_rules &rules) {
   if (levels.size() >= HELD_LEVELS)
     close_directory_of(levels[levels.size() - HELD_LEVELS]);
