@@ -192,7 +192,8 @@ void print_identity(FILE *out, const domain_record &domain, const domain_setting
   print_logs(out, domain.name, kind.access_log);
 }
 
-// What is reached by a path of its own. Returns 0, or -1 after a report when nobody can tell where the icons are.
+// What is reached by a path of its own. Returns 0, or -1 after a report when nobody can tell where the icons
+// are.
 int print_mapped_paths(FILE *out, const domain_record &domain, const host_kind &kind, const char *documents) {
   fprintf(out, "<IfModule mod_userdir.c>\n\tUserDir %s/%s/web_users\n</IfModule>\n", HTTPD_VHOSTS_D,
           domain.name);

@@ -43,12 +43,12 @@ struct domain_settings {
   bool wu_script;
 };
 
-// Sends ahead what print_domain_host will ask of the database, in its order. Not for domains with ColdFusion, whose
-// questions depend on the answers.
+// Sends ahead what print_domain_host will ask of the database, in its order. Not for domains with ColdFusion,
+// whose questions depend on the answers.
 void send_domain_host_ahead(const domain_record &domain, const domain_settings &settings,
                             const host_kind &kind, MYSQL *db);
 
-// One host. Returns 0, or -1 after a report when nobody can tell whether one of the site's files is there; what was
-// written before stays in the stream. A query that fails ends the run.
+// One host. Returns 0, or -1 after a report when nobody can tell whether one of the site's files is there;
+// what was written before stays in the stream. A query that fails ends the run.
 int print_domain_host(FILE *out, const domain_record &domain, const domain_settings &settings,
                       const host_kind &kind, MYSQL *db);

@@ -14,9 +14,10 @@ struct forward_host {
   const char *ip_address;
 };
 
-// A host that redirects every request to the URL, which gets "http://" in front unless it begins with "http://",
-// "https://" or "ftp://". Ends the run when the aliases cannot be queried.
+// A host that redirects every request to the URL, which gets "http://" in front unless it begins with
+// "http://", "https://" or "ftp://". Ends the run when the aliases cannot be queried.
 void print_standard_forward(FILE *out, const forward_host &host, MYSQL *db);
 
-// A host that serves the frame page in the domain's own document root; the URL is in that page. Fails likewise.
+// A host that serves the frame page in the domain's own document root; the URL is in that page. Fails
+// likewise.
 void print_frame_forward(FILE *out, const forward_host &host, MYSQL *db);

@@ -29,8 +29,8 @@ const char *default_docs(const char *port) {
   return is_ssl_port(port) ? DEFAULT_SSL_DOCS : DEFAULT_DOCS;
 }
 
-// What becomes of the address that was fetched when a host is full. The default and lists hosts lose it, the webmail
-// hosts do not; both are on purpose and must stay.
+// What becomes of the address that was fetched when a host is full. The default and lists hosts lose it, the
+// webmail hosts do not; both are on purpose and must stay.
 enum class overflow { lost, kept };
 
 using body_writer = void (*)(FILE *out, const char *port);

@@ -1,5 +1,5 @@
-// Hosts that belong to the server's IP addresses rather than to a domain. Every writer takes the port as text ("80"
-// or another, which means SSL), reads the addresses from the database and ends the run when it cannot.
+// Hosts that belong to the server's IP addresses rather than to a domain. Every writer takes the port as text
+// ("80" or another, which means SSL), reads the addresses from the database and ends the run when it cannot.
 #pragma once
 
 #include <cstdio>

@@ -101,8 +101,9 @@ void print_global_directives(FILE *out, const char *host_name, const char *admin
                  "</IfDefine>\n\n");
 }
 
-// The ASCII form of a domain's name. Null, after a report, when the name may not stand in paths and directives, as
-// stored or after the conversion, which makes a plain slash or quote of the wide ones: the others must be served.
+// The ASCII form of a domain's name. Null, after a report, when the name may not stand in paths and
+// directives, as stored or after the conversion, which makes a plain slash or quote of the wide ones: the
+// others must be served.
 unique_text site_name(const char *name) {
   unique_text ascii_name = !leads_elsewhere(name) ? idn_toascii_safe(name) : nullptr;
   if (ascii_name && !leads_elsewhere(ascii_name.get()))

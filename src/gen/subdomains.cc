@@ -187,7 +187,8 @@ constexpr char SUBDOMAINS_OF[] =
     "\t\tand d.htype='vrt_hst' and ipa.id=h.ip_address_id and s.dom_id=d.id and ipa.ssl_certificate_id=cert.id "
     "\t\tand d.name=";
 
-// What is asked for one subdomain whose user is there, in that order. ColdFusion asks what depends on the answers.
+// What is asked for one subdomain whose user is there, in that order. ColdFusion asks what depends on the
+// answers.
 void send_hosts_ahead(const subdomain_record &sub, MYSQL *db) {
   db_send_ahead(db, dom_param_query(sub.dom_id, ERROR_DOCS).c_str());
   if (sub.coldfusion)
@@ -197,8 +198,8 @@ void send_hosts_ahead(const subdomain_record &sub, MYSQL *db) {
   db_send_ahead(db, aliases_query(sub, PLAIN_HOST).c_str());
 }
 
-// print_subdomains for one of them. `error_docs` is what counted for the one before, and does so where this one's
-// setting cannot be read.
+// print_subdomains for one of them. `error_docs` is what counted for the one before, and does so where this
+// one's setting cannot be read.
 int print_subdomain(FILE *out, const subdomain_record &sub, uid_t web_server_uid, bool &error_docs,
                     MYSQL *db) {
   if (leads_elsewhere(sub.label)) {
