@@ -1,5 +1,5 @@
-// halyard-check: says what a rebuild would change, what has drifted and what would break, and changes nothing. Run as
-// root by administrators and monitoring.
+// halyard-check: says what a rebuild would change, what has drifted and what would break, and changes
+// nothing. Run as root by administrators and monitoring.
 
 #include "check/check.h"
 #include "check/output.h"

@@ -1,5 +1,5 @@
-// halyard: writes the web server's configuration from the panel database and restarts the server. Run as root by the
-// panel, once per change. The order below is the program's contract.
+// halyard: writes the web server's configuration from the panel database and restarts the server. Run as root
+// by the panel, once per change. The order below is the program's contract.
 
 #include "db/connection.h"
 #include "db/get_param.h"

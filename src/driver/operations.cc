@@ -59,8 +59,8 @@ template <frontpage_operation OPERATION> void frontpage(const command_line &line
       db);
 }
 
-// Physical hosting is "vrt_hst" with its NUL as far as the type is long: the empty type and every beginning of the
-// word count too, a longer type does not.
+// Physical hosting is "vrt_hst" with its NUL as far as the type is long: the empty type and every beginning
+// of the word count too, a longer type does not.
 bool is_physical_hosting(const char *type) {
   constexpr char PHYSICAL[] = "vrt_hst";
   return std::memcmp(type, PHYSICAL, std::min(std::strlen(type), sizeof PHYSICAL)) == 0;

@@ -116,7 +116,8 @@ static_assert(parameters_come_first());
 
 using long_options = std::array<option, OPTIONS.size() + 1>;
 
-// Rows without a letter share the answer 0, so that getopt_long takes the first of them that an abbreviation fits.
+// Rows without a letter share the answer 0, so that getopt_long takes the first of them that an abbreviation
+// fits.
 constexpr long_options make_long_options() {
   long_options all{};
   for (std::size_t i = 0; i < OPTIONS.size(); ++i)
@@ -126,7 +127,8 @@ constexpr long_options make_long_options() {
 }
 constexpr long_options LONG_OPTIONS = make_long_options();
 
-// The table row that getopt_long's answer stands for, or one past the last; `index` is what it said of a long option.
+// The table row that getopt_long's answer stands for, or one past the last; `index` is what it said of a long
+// option.
 std::size_t row_of(int answer, int index) {
   if (answer == 0)
     return static_cast<std::size_t>(index);

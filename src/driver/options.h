@@ -65,8 +65,8 @@ struct command_line {
   char value[PARAMETER_COUNT][TEXT_SIZE]; // "" when not given; cut to 4095 characters
 };
 
-// Parses the whole command line into static storage. An unknown option, an option without its argument and words left
-// over end the run.
+// Parses the whole command line into static storage. An unknown option, an option without its argument and
+// words left over end the run.
 command_line &parse_command_line(int argc, char **argv);
 
 // Ends the run when a required parameter is empty, naming the first.

@@ -15,23 +15,24 @@ struct free_text {
 using unique_text = std::unique_ptr<char, free_text>;
 
 // Reports one failure on standard error and standard output, with the system's words for errno appended when
-// errno is set and they fit (see emit_message for the form). `exit_status` 0 returns 0, and errno is as it was unless
-// the streams fail; any other ends the process with that status. `reserved` has no effect.
+// errno is set and they fit (see emit_message for the form). `exit_status` 0 returns 0, and errno is as it
+// was unless the streams fail; any other ends the process with that status. `reserved` has no effect.
 [[gnu::format(printf, 3, 4)]] int report_failure(int exit_status, int reserved, const char *format, ...);
 
 // report_failure with exit status 1, for the compiler to know that nothing comes after it.
 [[noreturn, gnu::format(printf, 1, 2)]] void end_run(const char *format, ...);
 
-// Writes `text`, prefixed with the program's base name and ": ", to standard error and then to standard output,
-// ending each with a newline if the text has none. Returns 0, or ends the process when `exit_status` is not 0.
+// Writes `text`, prefixed with the program's base name and ": ", to standard error and then to standard
+// output, ending each with a newline if the text has none. Returns 0, or ends the process when `exit_status`
+// is not 0.
 int emit_message(const char *text, int exit_status);
 
-// Sends every message to the system log as well from now on, line by line (facility daemon, priority error): once the
-// run has detached, its streams lead nowhere.
+// Sends every message to the system log as well from now on, line by line (facility daemon, priority error):
+// once the run has detached, its streams lead nowhere.
 void report_to_system_log();
 
-// Sends `text` to the system log, if messages go there. Keeps errno. A log that nobody reads holds us up for a few
-// seconds at most.
+// Sends `text` to the system log, if messages go there. Keeps errno. A log that nobody reads holds us up for
+// a few seconds at most.
 void log_message(const char *text);
 
 // Writes to standard error alone, as it stands, and to the system log if messages go there.

@@ -22,7 +22,8 @@ namespace {
 
 constexpr std::size_t MAGIC_LENGTH = 8;
 
-// What `httpd -V` says, as pointers into its output; null until seen. The texts run on to the end of the output.
+// What `httpd -V` says, as pointers into its output; null until seen. The texts run on to the end of the
+// output.
 struct build_info {
   const char *version = nullptr;
   const char *magic = nullptr;
@@ -84,8 +85,8 @@ using unique_pipe = std::unique_ptr<FILE, close_pipe>;
 
 constexpr int NOT_STARTED = 127; // exit status of a shell that could not start its command
 
-// Whether the pipe of a command that wrote nothing shows that this was all: it could be read, and the command's shell
-// was not killed.
+// Whether the pipe of a command that wrote nothing shows that this was all: it could be read, and the
+// command's shell was not killed.
 bool was_silent(unique_pipe pipe) {
   if (std::ferror(pipe.get()) != 0)
     return false;

@@ -24,8 +24,8 @@ constexpr const char *FRONTPAGE_ENTRIES[] = {
 // So much of the list of sub-webs is read, a mebibyte: many thousands of them.
 constexpr std::size_t LIST_SIZE = std::size_t{1} << 20;
 
-// So many sub-webs may lie behind links, each of which may take the kernel through 40 long paths, and none deeper than
-// a path can name.
+// So many sub-webs may lie behind links, each of which may take the kernel through 40 long paths, and none
+// deeper than a path can name.
 constexpr int LINKED_SUB_WEBS = 100;
 constexpr int LEVELS = PATH_MAX / 2;
 
@@ -52,8 +52,8 @@ bool is_same_file(const struct stat &one, const struct stat &other) {
   return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// Whether the directory, wherever its path leads by now, lies below the other one. When it does not, errno is 0, and
-// otherwise what kept us from telling.
+// Whether the directory, wherever its path leads by now, lies below the other one. When it does not, errno is
+// 0, and otherwise what kept us from telling.
 bool is_below(const unique_fd &directory, const unique_fd &top) {
   struct stat top_status;
   struct stat status;
@@ -82,8 +82,8 @@ unique_fd open_sub_directory(const unique_fd &root, const char *path, int &links
   how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
   how.resolve = RESOLVE_NO_SYMLINKS;
   unique_fd directory(static_cast<int>(syscall(SYS_openat2, root.fd, path, &how, sizeof how)));
-  // A link on the way is fine as long as it stays in the document root. Where the call is missing or forbidden, nothing
-  // tells whether there is one.
+  // A link on the way is fine as long as it stays in the document root. Where the call is missing or
+  // forbidden, nothing tells whether there is one.
   const bool linked = directory.fd < 0 && errno == ELOOP && links_left-- > 0;
   if (linked || (directory.fd < 0 && (errno == ENOSYS || errno == EPERM)))
     directory.reset(openat(root.fd, path, O_PATH | O_DIRECTORY | O_CLOEXEC));

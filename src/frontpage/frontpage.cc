@@ -123,8 +123,8 @@ unique_lock prepare(const fp_site &site, const frontpage_request &request) {
 // Exit status of a shell that could not start its command, and of one that system() could not start.
 constexpr int NOT_STARTED = 127;
 
-// Runs a command through the shell. Returns its exit status; 128 and the signal for one that was killed, as shells do,
-// and -1 for one that nobody could wait for. A command that was not run is reported.
+// Runs a command through the shell. Returns its exit status; 128 and the signal for one that was killed, as
+// shells do, and -1 for one that nobody could wait for. A command that was not run is reported.
 int run_in_shell(const bounded_text &command) {
   const int status = std::system(command.c_str());
   if (status == -1) {
@@ -168,8 +168,8 @@ void unlink_or_report(const char *path) {
     report_failure(0, 0, "Unable unlink %s: %s", path, std::strerror(errno));
 }
 
-// Whether something else stands in place of the alias: www.<name> may be a site of its own, whose file that is. An alias
-// that is missing counts as one that cannot be deleted, and so does a directory.
+// Whether something else stands in place of the alias: www.<name> may be a site of its own, whose file that
+// is. An alias that is missing counts as one that cannot be deleted, and so does a directory.
 bool is_www_alias_taken(const fp_site &site) {
   const errno_guard keep;
   struct stat status;

@@ -60,7 +60,8 @@ struct free_vector {
 };
 using argument_vector = std::unique_ptr<const char *[], free_vector>;
 
-// The arguments of a call that ends them with a null, behind `first` unless that is null. Null when out of memory.
+// The arguments of a call that ends them with a null, behind `first` unless that is null. Null when out of
+// memory.
 argument_vector collect_arguments(const char *first, va_list list) {
   std::size_t count = first != nullptr ? 2 : 1;
   va_list counted;
@@ -201,8 +202,8 @@ void report_failed_utility(const char *path, int result, const char *output) {
 void close_descriptors_from(int lowest) {
   if (close_range(static_cast<unsigned>(lowest), ~0U, 0) == 0)
     return;
-  // An older kernel. The limit may be low by now and the descriptors high, or the limit so high that trying all numbers
-  // takes minutes.
+  // An older kernel. The limit may be low by now and the descriptors high, or the limit so high that trying
+  // all numbers takes minutes.
   if (const unique_dir open_ones{opendir("/proc/self/fd")}) {
     while (const dirent *entry = readdir(open_ones.get())) {
       const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10)); // 0 for "." and ".."

@@ -32,8 +32,8 @@ bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// Whether the text is a decimal number, blanks around it, a sign and a fraction allowed: something that can stand in
-// the query. Anything else there would fail every restart.
+// Whether the text is a decimal number, blanks around it, a sign and a fraction allowed: something that can
+// stand in the query. Anything else there would fail every restart.
 bool is_decimal_number(const char *text) {
   constexpr char BLANKS[] = " \t\r\n";
   constexpr char DIGITS[] = "0123456789";

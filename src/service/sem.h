@@ -1,6 +1,6 @@
-// The lock file that the panel's command-line utilities share, PRODUCT_ROOT_D "/var/utilities.sem": each byte of it is
-// a lock of its own. The locks are fcntl record locks of the process; they go when it exits, and taking a byte twice
-// succeeds at once. Every failure but contention ends the run.
+// The lock file that the panel's command-line utilities share, PRODUCT_ROOT_D "/var/utilities.sem": each byte
+// of it is a lock of its own. The locks are fcntl record locks of the process; they go when it exits, and
+// taking a byte twice succeeds at once. Every failure but contention ends the run.
 #pragma once
 
 inline constexpr long SEM_GENERATE = 1; // held around generation, and around a restart
