@@ -37,3 +37,10 @@ TEST(PlainName, RefusesEveryControlCharacter) {
     EXPECT_FALSE(is_plain_name((std::string("a") + static_cast<char>(byte) + "b").c_str())) << byte;
   EXPECT_FALSE(is_plain_name("a\x7f"));
 }
+
+TEST(LeadsElsewhere, IsSaidOfNamesThatAreThereAndNotPlain) {
+  for (const char *none : {static_cast<const char *>(nullptr), "", "example.test"})
+    EXPECT_FALSE(leads_elsewhere(none));
+  for (const char *bad : {"..", "a/b", "a'b"})
+    EXPECT_TRUE(leads_elsewhere(bad)) << bad;
+}
