@@ -4,6 +4,7 @@ SWEEP_SEED chooses the cases of an earlier run again; it is part of what a faili
 """
 
 import errno
+import fcntl
 import os
 import pathlib
 import subprocess
@@ -23,6 +24,7 @@ from sweep import SWEEPS, TOOLS, play  # noqa: E402
 SEED = int(os.environ.get("SWEEP_SEED", time.time()))
 COUNTS = {"calls": 24, "memory": 40, "server": 30}
 SITE = HTTPD_VHOSTS_D / scenes.SHOP / "httpdocs"
+SITE_FILE = f"/usr/local/frontpage/{scenes.SHOP}:80.cnf"
 TOOL = {"calls": "sweep_inject", "memory": "libsweep_memory.so"}
 
 
@@ -56,6 +58,25 @@ def test_sub_web_whose_place_cannot_be_found_out_is_reported(scene, sweep):
     outcome = sweep.spoil("install-fp", f"fail={errno.EACCES}", "1:openat(..)")
     assert f"Unable to check {SITE}/sub/_vti_pvt: Permission denied\n" in outcome.err
     assert outcome.status == 0
+
+
+@pytest.mark.parametrize("sweep", ["calls"], indirect=True)
+@pytest.mark.parametrize("call, error, message", [
+    (f"2:openat({SITE}", "EIO", f"Unable to open dir {SITE}: Input/output error"),
+    ("1:openat(services.cnf", "EACCES", f"Unable to open {SITE}/_vti_pvt/services.cnf: Permission denied"),
+    (f"1:newfstatat({SITE}/_vti_pvt/services.cnf", "EIO",
+     f"Unable to check {SITE}/_vti_pvt/services.cnf: Input/output error"),
+    (f"1:read({SITE}/_vti_pvt/services.cnf", "EIO", f"Unable to read {SITE}/_vti_pvt/services.cnf: Input/output error"),
+    ("1:openat2(./sub/_vti_pvt", "EACCES", f"Unable to open dir {SITE}/sub/_vti_pvt: Permission denied"),
+    ("1:newfstatat(_private", "EIO", f"Unable to check directory entry {SITE}/_private: Input/output error"),
+    (f"1:fcntl({SITE_FILE} command {fcntl.F_DUPFD_CLOEXEC}", "EMFILE",
+     f"Unable to open file {SITE_FILE}: Too many open files"),
+], ids=lambda value: value.partition("(")[0] if value[0].isdigit() else None)
+def test_call_that_fails_in_an_installation_is_reported_in_these_words(scene, sweep, call, error, message):
+    scenes.restore(scene.old["install-fp"])
+    number = getattr(errno, error)
+    outcome = sweep.spoil("install-fp", f"fail={number}", call)
+    assert f"halyard: {message}\n\nSystem error {number}: " in outcome.err
 
 
 @pytest.mark.parametrize("sweep", ["calls"], indirect=True)
