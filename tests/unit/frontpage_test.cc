@@ -97,7 +97,8 @@ TEST_F(frontpage, result_of_a_rename_is_the_status_of_the_role_assignment) {
   EXPECT_EQ(result_of(FP_RENAME_ADMIN), "result 5\n");
 }
 
-TEST_F(frontpage, administration_program_that_cannot_be_started_is_reported_and_gives_the_status_of_the_shell) {
+TEST_F(frontpage,
+       administration_program_that_cannot_be_started_is_reported_and_gives_the_status_of_the_shell) {
   write_file(OWSADM, "#!/nonexistent/interpreter\n", 0755);
   const outcome run = run_in_child([] { manage(FP_ENABLE); });
   EXPECT_EQ(run.out, "Unable to run /usr/local/frontpage/version5.0/bin/owsadm.exe\nresult 127\n");
