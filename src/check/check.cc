@@ -152,7 +152,7 @@ void note(check_run &run, const std::string &text) {
 void survey_site(check_run &run, const std::string &name, const std::string &path, const generated_file &file,
                  const live_file &live) {
   const std::string &text = file.what == outcome::written ? file.text : live.text;
-  survey_configuration(name, text, true, run.survey, run.result);
+  survey_configuration(name, text, run.survey, run.result);
   survey_users(name, path, live.text, run.survey, run.result);
 }
 
@@ -165,7 +165,7 @@ void take_domain(check_run &run, std::size_t index, generated_file &&file) {
     survey_site(run, name, path, file, live);
   if (file.what == outcome::written && !file.messages.empty())
     note(run, name + ": " + one_line(file.messages));
-  compare_domain(run.drift, index, name, path, file, live);
+  compare_domain(run.drift, index, path, file, live);
 }
 
 check_state check_domains(check_run &run) {
@@ -185,7 +185,7 @@ check_state check_again(check_run &run) {
   const generation_end end =
       generate_domains(run.sites.names, again, [&](std::size_t index, generated_file &&file) {
         const std::string path = domain_file_path(run.sites.names[index]);
-        compare_domain(run.drift, index, run.sites.names[index], path, file, read_live_file(path));
+        compare_domain(run.drift, index, path, file, read_live_file(path));
       });
   return state_of(run, end);
 }

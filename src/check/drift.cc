@@ -167,8 +167,8 @@ live_file read_live_file(const std::string &path) {
   return live;
 }
 
-void compare_domain(drift_list &drift, std::size_t index, const std::string & /*name*/,
-                    const std::string &path, const generated_file &file, const live_file &live) {
+void compare_domain(drift_list &drift, std::size_t index, const std::string &path, const generated_file &file,
+                    const live_file &live) {
   if (file.what == outcome::written)
     compare(drift.domains, drift.texts, index, path, file.text, live);
   else

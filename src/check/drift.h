@@ -43,8 +43,8 @@ struct drift_list {
 };
 
 // Compares what would be written with what is there, and whether it could be written at all.
-void compare_domain(drift_list &drift, std::size_t index, const std::string &name, const std::string &path,
-                    const generated_file &file, const live_file &live);
+void compare_domain(drift_list &drift, std::size_t index, const std::string &path, const generated_file &file,
+                    const live_file &live);
 
 // The same for the files of the whole server; what was found of them before is forgotten.
 void compare_server(drift_list &drift, const server_files &files);

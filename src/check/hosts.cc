@@ -30,7 +30,6 @@ std::string lower_case(std::string text) {
 // One file being looked at.
 struct survey_run {
   const std::string &name;
-  bool report;
   host_survey &survey;
   check_result &result;
 
@@ -43,7 +42,7 @@ struct survey_run {
 };
 
 void add(survey_run &run, const std::string &file, const std::string &message) {
-  if (!run.report || !run.told.insert(message).second)
+  if (!run.told.insert(message).second)
     return;
   run.result.add(kind::unloadable, run.name, file, message);
   run.result.findings.back().is_absence = !file.empty();
@@ -110,7 +109,7 @@ void log_file(survey_run &run, const directive &line) {
 }
 
 void faulty_file(survey_run &run, const std::string &path, const std::string &fault) {
-  if (fault.empty() || !run.report)
+  if (fault.empty())
     return;
   const auto [place, fresh] = run.survey.shared_faults.try_emplace(path, shared_fault{run.name, fault, 0});
   if (!fresh)
@@ -180,9 +179,9 @@ bool is_group_gone(const std::string &group, host_survey &survey) {
 
 } // namespace
 
-void survey_configuration(const std::string &name, const std::string &text, bool report, host_survey &survey,
+void survey_configuration(const std::string &name, const std::string &text, host_survey &survey,
                           check_result &result) {
-  survey_run run{.name = name, .report = report, .survey = survey, .result = result, .addresses = {}};
+  survey_run run{.name = name, .survey = survey, .result = result, .addresses = {}};
   run.site = static_cast<std::uint32_t>(survey.site_names.size());
   survey.site_names.push_back(name);
   for_each_directive(text, [&](const directive &line) { look_at(run, line); });

@@ -30,9 +30,8 @@ struct host_survey {
   std::size_t log_files = 0;
 };
 
-// Looks at the text of one file as it would be. `name` is the domain's, or SERVER_NAME. With `report` false only the
-// names that it claims and the logs that it opens count.
-void survey_configuration(const std::string &name, const std::string &text, bool report, host_survey &survey,
+// Looks at the text of one file as it would be. `name` is the domain's, or SERVER_NAME.
+void survey_configuration(const std::string &name, const std::string &text, host_survey &survey,
                           check_result &result);
 
 // Looks for users of SuexecUserGroup that are gone, in the text of an installed file.
