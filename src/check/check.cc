@@ -200,8 +200,8 @@ check_state check_server(check_run &run, bool try_syntax, server_files &files) {
   return state_of(run, end);
 }
 
-// The panel writes its rows first and has halyard run then, and several runs wait for each other. So what differs is
-// looked at again as long as somebody is at work, within reason.
+// The panel writes its rows first and has halyard run then, and several runs wait for each other. So what
+// differs is looked at again as long as somebody is at work, within reason.
 check_state settle(check_run &run, double begin) {
   constexpr double GRACE = .3;
   constexpr double LONGEST = 20;

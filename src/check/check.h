@@ -10,6 +10,6 @@ enum class check_state {
   failed,  // could not check
 };
 
-// Runs the check. With the format diff it prints the differences as it goes and looks for nothing else. `failure` says
-// in one line why it is not done.
+// Runs the check. With the format diff it prints the differences as it goes and looks for nothing else.
+// `failure` says in one line why it is not done.
 check_state run_check(const check_options &options, check_result &result, std::string &failure);

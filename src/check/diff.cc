@@ -26,7 +26,8 @@ bool needs_quotes(const std::string &path) {
   return false;
 }
 
-// A name of a diff's head. What would break the line is written as git writes it; the tab ends a name with blanks.
+// A name of a diff's head. What would break the line is written as git writes it; the tab ends a name with
+// blanks.
 std::string head_name(const std::string &path) {
   if (!needs_quotes(path))
     return path.find(' ') == std::string::npos ? path : path + "\t";

@@ -3,6 +3,6 @@
 
 #include <string>
 
-// Prints how `path` (absolute) would change from `live` to `next` to standard output; `is_new` for a file that is not
-// there yet. Returns false with errno set when diff cannot be run.
+// Prints how `path` (absolute) would change from `live` to `next` to standard output; `is_new` for a file
+// that is not there yet. Returns false with errno set when diff cannot be run.
 bool print_diff(const std::string &path, bool is_new, const std::string &live, const std::string &next);

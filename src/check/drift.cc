@@ -51,8 +51,8 @@ bool is_immutable(const char *directory) {
          (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
 }
 
-// Why the live directory would not take a file of this size twice over, which is what a replacement needs; "" when it
-// would. The view is in memory and cannot tell.
+// Why the live directory would not take a file of this size twice over, which is what a replacement needs; ""
+// when it would. The view is in memory and cannot tell.
 std::string write_fault(const std::string &directory, std::size_t size) {
   struct statvfs disk;
   if (statvfs(directory.c_str(), &disk) != 0)
@@ -69,7 +69,8 @@ std::string write_fault(const std::string &directory, std::size_t size) {
   return "";
 }
 
-// Appends the text to the file in memory, which is made when first needed. Returns false when there is no room.
+// Appends the text to the file in memory, which is made when first needed. Returns false when there is no
+// room.
 bool keep_text(unique_fd &texts, const std::string &text, drift_entry &entry) {
   if (texts.fd < 0)
     texts.reset(memfd_create("differences", MFD_CLOEXEC));

@@ -1,5 +1,5 @@
-// What a rebuild would change, as it comes in domain by domain. Texts that differ wait in memory outside the program's
-// own until the server has been asked about them.
+// What a rebuild would change, as it comes in domain by domain. Texts that differ wait in memory outside the
+// program's own until the server has been asked about them.
 #pragma once
 
 #include "check/finding.h"
@@ -54,7 +54,8 @@ std::vector<std::size_t> doubtful_domains(const drift_list &drift);
 void forget_domains(drift_list &drift);
 bool is_in_doubt(const drift_list &drift);
 
-// Whether the live file of any entry has changed since it was compared, or since `begin` (seconds since the epoch).
+// Whether the live file of any entry has changed since it was compared, or since `begin` (seconds since the
+// epoch).
 bool has_live_file_changed(const drift_list &drift, double begin);
 
 // Gives the next domain whose file would change; `next` is the caller's place in the list.
@@ -67,6 +68,7 @@ bool is_left_again(const drift_list &drift, const std::string &path);
 // Adds the entries to the result.
 void report_drift(const drift_list &drift, const std::vector<std::string> &names, check_result &result);
 
-// Prints the differences to standard output and adds the entries to the result. What stops or skips a domain is noted.
+// Prints the differences to standard output and adds the entries to the result. What stops or skips a domain
+// is noted.
 bool print_drift(const drift_list &drift, const std::vector<std::string> &names, check_result &result,
                  std::string &failure);

@@ -1,13 +1,13 @@
-// Looking at files that others own and change meanwhile: never waits, follows no link in the last place, changes
-// nothing.
+// Looking at files that others own and change meanwhile: never waits, follows no link in the last place,
+// changes nothing.
 #pragma once
 
 #include <string>
 #include <sys/stat.h>
 #include <vector>
 
-// The content of a regular file, its time of access untouched. Returns false with errno set when there is none or it
-// cannot be read; ELOOP for a link, EINVAL for anything else that is no file, EFBIG beyond 64 MiB.
+// The content of a regular file, its time of access untouched. Returns false with errno set when there is
+// none or it cannot be read; ELOOP for a link, EINVAL for anything else that is no file, EFBIG beyond 64 MiB.
 bool read_whole_file(const char *path, std::string &text);
 
 // The same with what fstat said of the file that was read.

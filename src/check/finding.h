@@ -1,4 +1,5 @@
-// What a check finds. Kinds and their names are the program's interface: JSON, metrics and the documentation have them.
+// What a check finds. Kinds and their names are the program's interface: JSON, metrics and the documentation
+// have them.
 #pragma once
 
 #include <array>
@@ -69,8 +70,8 @@ struct check_result {
   std::size_t count(kind what) const;
 };
 
-// The text on one line of valid UTF-8: line ends, other control characters, backslashes and bytes that are no UTF-8 as
-// "\n", "\x1b", "\\", "\xff".
+// The text on one line of valid UTF-8: line ends, other control characters, backslashes and bytes that are no
+// UTF-8 as "\n", "\x1b", "\\", "\xff".
 std::string printable(const std::string &text);
 
 // A generator's messages as one line, without the system's error numbers.

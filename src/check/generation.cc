@@ -160,7 +160,8 @@ void generate_server_file(child_line &line, const char *path) {
   _exit(0);
 }
 
-// Hands on what the generator's own process has answered, or how it ended: then the messages are all there is.
+// Hands on what the generator's own process has answered, or how it ended: then the messages are all there
+// is.
 void forward_server_file(child_line &line, const char *path) {
   child_process generator = start_child([&](child_line &own) { generate_server_file(own, path); });
   child_answer answer;

@@ -1,4 +1,5 @@
-// The generators, unchanged, at work in a view of their own: what they would write, and where they would end a run.
+// The generators, unchanged, at work in a view of their own: what they would write, and where they would end
+// a run.
 #pragma once
 
 #include <cstddef>
@@ -33,9 +34,9 @@ struct generation_end {
 // Hands over domain number `index`.
 using domain_writer = std::function<void(std::size_t index, generated_file &&file)>;
 
-// Generates the files of the domains `chosen` (numbers in `names`), many of them in one child; one that ends the child
-// is handed over as blocked, and another child goes on behind it. Flat in memory: a view is dropped after some hundred
-// domains.
+// Generates the files of the domains `chosen` (numbers in `names`), many of them in one child; one that ends
+// the child is handed over as blocked, and another child goes on behind it. Flat in memory: a view is dropped
+// after some hundred domains.
 generation_end generate_domains(const std::vector<std::string> &names, const std::vector<std::size_t> &chosen,
                                 const domain_writer &take);
 
@@ -59,6 +60,6 @@ struct server_files {
   std::string syntax_words; // the server's, or why it was not asked
 };
 
-// Generates the server-wide file in a view in which the placed files are as generated, and asks the server what it
-// thinks of it all when `try_syntax` says so.
+// Generates the server-wide file in a view in which the placed files are as generated, and asks the server
+// what it thinks of it all when `try_syntax` says so.
 generation_end generate_server(const placed_file_source &next, bool try_syntax, server_files &files);

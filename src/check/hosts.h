@@ -1,5 +1,5 @@
-// What the generated configuration asks of the machine: files and directories that must be there, users, certificates,
-// names that must be unique, descriptors.
+// What the generated configuration asks of the machine: files and directories that must be there, users,
+// certificates, names that must be unique, descriptors.
 #pragma once
 
 #include "check/finding.h"

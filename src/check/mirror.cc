@@ -25,7 +25,8 @@ std::string link_text(const std::string &path) {
   return length < 0 ? "" : std::string(text, static_cast<std::size_t>(length));
 }
 
-// A live link stays what it is, so that it leads to a copy where there is one. Returns false when memory is out.
+// A live link stays what it is, so that it leads to a copy where there is one. Returns false when memory is
+// out.
 bool link_entries(const std::string &live, const std::string &copy) {
   for (const std::string &entry : entries_of(live)) {
     const std::string own = link_text(live + "/" + entry);

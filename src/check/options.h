@@ -15,6 +15,6 @@ struct check_options {
 // Whether a command line that may be wrong asks for the exit statuses of monitoring.
 bool wants_monitoring(int argc, char *const *argv);
 
-// Parses the command line. --help and --version end the run with status 0. Returns false with a message of one or more
-// lines in `failure` when the words make no sense.
+// Parses the command line. --help and --version end the run with status 0. Returns false with a message of
+// one or more lines in `failure` when the words make no sense.
 bool parse_check_options(int argc, char **argv, check_options &options, std::string &failure);

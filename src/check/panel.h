@@ -1,5 +1,5 @@
-// What the panel's database and processes say about the sites: which there are, and whether somebody is changing them.
-// Failures are returned with the database's words, never reported.
+// What the panel's database and processes say about the sites: which there are, and whether somebody is
+// changing them. Failures are returned with the database's words, never reported.
 #pragma once
 
 #include <mysql.h>
@@ -19,8 +19,8 @@ bool read_setting(MYSQL *db, const char *param, std::string &value, std::string 
 // Reads the list.
 bool read_sites(MYSQL *db, site_list &sites, std::string &failure);
 
-// The name under which the database has a domain that somebody calls `name`: any case, UTF-8 or ASCII. Returns false
-// with a message when it has none.
+// The name under which the database has a domain that somebody calls `name`: any case, UTF-8 or ASCII.
+// Returns false with a message when it has none.
 bool find_domain(MYSQL *db, const std::string &name, std::string &stored, std::string &failure);
 
 // Adds the labels of a domain's subdomains. `known` says whether there is a domain of this name at all.
@@ -30,6 +30,6 @@ bool read_subdomains(MYSQL *db, const std::string &domain, std::unordered_set<st
 // Whether a run of halyard holds the lock under which it generates. The lock is looked at, never taken.
 bool is_generating();
 
-// Whether a halyard has been started in the last seconds, and may be on its way to that lock. Older ones wait until they
-// may restart the server.
+// Whether a halyard has been started in the last seconds, and may be on its way to that lock. Older ones wait
+// until they may restart the server.
 bool is_halyard_starting();

@@ -112,8 +112,8 @@ std::string program_of(const std::string &pid) {
   return has_server_name(base_name(program)) && access(program.c_str(), X_OK) == 0 ? program : "";
 }
 
-// -t with what the running server was told to define, as sections of the configuration depend on it. Its other options
-// could come from anywhere.
+// -t with what the running server was told to define, as sections of the configuration depend on it. Its
+// other options could come from anywhere.
 std::vector<std::string> question() {
   const char *installed = apache_executable();
   const std::string pid = find_server(installed);

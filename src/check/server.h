@@ -4,8 +4,9 @@
 #include "check/finding.h"
 #include "check/generation.h"
 
-// Has the server look at the configuration as the calling process sees it, ten seconds at most. Its words, or why it
-// was not asked, in `words`. Changes the working directory; ends the run when Apache has no configuration file.
+// Has the server look at the configuration as the calling process sees it, ten seconds at most. Its words, or
+// why it was not asked, in `words`. Changes the working directory; ends the run when Apache has no
+// configuration file.
 verdict try_configuration(std::string &words);
 
 // Reports when the server could not open so many log files.
