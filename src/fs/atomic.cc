@@ -1,11 +1,13 @@
 #include "fs/atomic.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <set>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -75,7 +77,13 @@ void close_work_file(staged_file &file) {
     end_run("Unable to close file %s: %s\n", file.work.c_str(), std::strerror(errno));
 }
 
-constexpr std::size_t BATCH_SIZE = 64;
+// Each copy holds a descriptor until it is in place, and the limit may be low.
+std::size_t batch_size() {
+  constexpr rlim_t LARGEST = 64;
+  rlimit limit = {};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return std::clamp<rlim_t>(limit.rlim_cur / 4, 1, LARGEST);
+}
 
 // What install_in_batch has finished.
 std::vector<whole_copy> batch;
@@ -145,13 +153,14 @@ void copy_file_atomic(const char *source, const char *destination, uid_t uid, gi
 }
 
 void install_in_batch(staged_file file) {
+  static const std::size_t size = batch_size();
   if (batch.capacity() == 0) {
-    batch.reserve(BATCH_SIZE);
+    batch.reserve(size);
     std::atexit(install_batch_at_exit);
   }
   close_work_file(file);
   batch.push_back(make_copy(file.work.c_str(), file.target.c_str(), 0, 0, 0644));
-  if (batch.size() == BATCH_SIZE)
+  if (batch.size() == size)
     install_batch();
 }
 

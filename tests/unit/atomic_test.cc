@@ -520,6 +520,15 @@ TEST_F(batch, long_one_is_put_in_place_in_parts) {
   EXPECT_EQ(entries(directory.path).size(), 150U);
 }
 
+TEST_F(batch, few_descriptors_are_enough_for_any_number_of_files) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    set_limit(RLIMIT_NOFILE, 20);
+    for (int i = 0; i < 50; ++i)
+      write(directory / ("file-" + std::to_string(i)), "text");
+  })));
+  EXPECT_EQ(entries(directory.path).size(), 50U);
+}
+
 TEST_F(batch, run_that_ends_early_puts_in_place_what_it_has_finished) {
   EXPECT_TRUE(reported(run_in_child([this] {
                          write(first, "1");
