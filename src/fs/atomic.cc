@@ -9,6 +9,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <vector>
 
 namespace {
@@ -83,6 +84,19 @@ std::size_t batch_size() {
   rlimit limit = {};
   getrlimit(RLIMIT_NOFILE, &limit);
   return std::clamp<rlim_t>(limit.rlim_cur / 4, 1, LARGEST);
+}
+
+// Whether the disk might have no room for another file before those of a batch are in place.
+bool room_is_scarce(const whole_copy &copy) {
+  constexpr unsigned long long PLENTY = 64ULL << 20; // bytes
+  constexpr fsfilcnt_t PLENTY_OF_FILES = 1024;
+  const errno_guard keep;
+  struct statvfs disk = {};
+  if (fstatvfs(copy.out.fd, &disk) != 0)
+    return true;
+  const bool counts_files = disk.f_files != 0;
+  return disk.f_bfree < PLENTY / std::max(disk.f_frsize, 1UL) ||
+         (counts_files && disk.f_ffree < PLENTY_OF_FILES);
 }
 
 // What install_in_batch has finished.
@@ -160,7 +174,7 @@ void install_in_batch(staged_file file) {
   }
   close_work_file(file);
   batch.push_back(make_copy(file.work.c_str(), file.target.c_str(), 0, 0, 0644));
-  if (batch.size() == size)
+  if (batch.size() == size || room_is_scarce(batch.back()))
     install_batch();
 }
 

@@ -430,6 +430,21 @@ def test_disk_that_has_no_room_for_the_copy_keeps_the_installed_file(panel):
     assert os.path.getsize(f"{CONF}/{temporary}") == 0
 
 
+def test_disk_that_has_room_for_one_more_file_is_enough_for_all_domains(panel):
+    panel.small_disk(HTTPD_VHOSTS_D, 1024)
+    names = [f"site{number}.test" for number in range(30)]
+    for name in names:
+        panel.domain(name)
+    assert panel.run("-a", "-w", "-v").status == 0
+    change_something(panel)
+    free = os.statvfs(HTTPD_VHOSTS_D)
+    (HTTPD_VHOSTS_D / "ballast").write_bytes(bytes(free.f_bfree * free.f_frsize - 32 * 1024))
+    result = panel.run("-a", "-w", "-v")
+    assert (result.status, result.err) == (0, "")
+    for name in names:
+        assert "\tMaxConnection all 77\n" in panel.domain_file(name)
+
+
 def test_disk_that_has_no_room_for_another_file_keeps_the_installed_one(panel):
     panel.domain("example.test")
     mount_conf(panel, "nr_inodes=4")
