@@ -120,7 +120,7 @@ def is_there(test):
     if path.suffix == ".py":
         return re.search(rf"^def {re.escape(name)}\(", text, re.M) is not None
     suite, _, case = name.partition(".")
-    return re.search(rf"^TEST(_F|_P)?\({re.escape(suite)}, {re.escape(case)}\)", text, re.M) is not None
+    return re.search(rf"^TEST(_F|_P)?\({re.escape(suite)},\s+{re.escape(case)}\)", text, re.M) is not None
 
 
 def test_every_message_stands_in_the_table_in_the_order_of_the_sources():
