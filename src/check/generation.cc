@@ -127,7 +127,7 @@ generation_end take_answers(child_process &child, number_iterator &next, number_
     return failure_of(generation_state::failed, last_words);
   }
   if (answer.code != READY) {
-    const generation_end early = early_end(answer);
+    generation_end early = early_end(answer);
     reap_child(child, last_words);
     return early;
   }
@@ -204,7 +204,7 @@ generation_end generate_domains(const std::vector<std::string> &names, const std
     child_process child = start_child([&](child_line &line) { generate_in_child(line, names, next, end); });
     if (child.pid < 0)
       return failure_of(generation_state::failed, std::strerror(errno));
-    const generation_end result = take_answers(child, next, end, take);
+    generation_end result = take_answers(child, next, end, take);
     if (result.state != generation_state::done)
       return result;
   }
@@ -217,9 +217,9 @@ generation_end generate_server(const placed_file_source &next, bool try_syntax, 
     return failure_of(generation_state::failed, std::strerror(errno));
   child_answer answer;
   generation_end result;
-  if (!receive_answer(child, answer) || answer.code != READY)
-    result = early_end(answer);
-  else if (!receive_answer(child, answer) || answer.code == UNCONNECTED)
+  const bool begun = receive_answer(child, answer) && answer.code == READY && receive_answer(child, answer) &&
+                     answer.code != UNCONNECTED;
+  if (!begun)
     result = early_end(answer);
   else {
     const bool ended = answer.code == BLOCKED;

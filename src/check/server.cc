@@ -136,6 +136,7 @@ std::vector<std::string> question() {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   std::vector<char *> words;
+  words.reserve(arguments.size() + 1);
   for (const std::string &argument : arguments)
     words.push_back(const_cast<char *>(argument.c_str()));
   words.push_back(nullptr);
