@@ -102,34 +102,53 @@ bool room_is_scarce(const whole_copy &copy) {
 // What install_in_batch has finished.
 std::vector<whole_copy> batch;
 
-// Flushes the file systems of all copies, each once: sites may lie on several. Returns whether it did; if
-// not, the copy that it failed for is in `failed`.
-bool flush_all(std::vector<whole_copy> &copies, whole_copy *&failed) {
+// Flushes the file systems of all copies, each once: sites may lie on several. Returns the first copy that it
+// failed for, with errno set, or the end.
+std::vector<whole_copy>::iterator flush_all(std::vector<whole_copy> &copies) {
   std::set<dev_t> flushed;
-  for (whole_copy &copy : copies) {
+  auto copy = copies.begin();
+  for (; copy != copies.end(); ++copy) {
     struct stat status;
-    failed = &copy;
-    if (fstat(copy.out.fd, &status) != 0 ||
-        (flushed.insert(status.st_dev).second && syncfs(copy.out.fd) != 0))
-      return false;
+    if (fstat(copy->out.fd, &status) != 0 ||
+        (flushed.insert(status.st_dev).second && syncfs(copy->out.fd) != 0))
+      break;
   }
-  return true;
+  return copy;
 }
 
-// Flushes and renames all copies. Returns null, or the step that failed, with the copy in `failed` and errno
-// set.
+// Removes what a copy that will not be put in place has on disk.
+void discard(const whole_copy &copy) {
+  const errno_guard keep;
+  unlink(copy.temporary.get());
+  unlink(copy.source.c_str());
+}
+
+// Flushes and renames all copies, up to the first failure; those behind it are as if they had never been.
+// Returns null, or the step that failed, with the copy in `failed` and errno set.
 const char *put_in_place(std::vector<whole_copy> &copies, whole_copy *&failed) {
-  if (!flush_all(copies, failed))
-    return "flush";
-  for (whole_copy &copy : copies) {
-    failed = &copy;
-    if (copy.out.close() != 0)
-      return "flush";
-    if (rename(copy.temporary.get(), copy.destination.c_str()) != 0)
-      return "rename";
-    unlink(copy.source.c_str());
+  const auto unflushed = flush_all(copies);
+  const int flush_error = errno;
+  const char *failed_step = nullptr;
+  auto copy = copies.begin();
+  for (; copy != unflushed; ++copy) {
+    if (copy->out.close() != 0)
+      failed_step = "flush";
+    else if (rename(copy->temporary.get(), copy->destination.c_str()) != 0)
+      failed_step = "rename";
+    if (failed_step != nullptr)
+      break;
+    unlink(copy->source.c_str());
   }
-  return nullptr;
+  if (copy == copies.end())
+    return nullptr;
+  if (failed_step == nullptr) {
+    failed_step = "flush";
+    errno = flush_error;
+  }
+  failed = &*copy;
+  for (++copy; copy != copies.end(); ++copy)
+    discard(*copy);
+  return failed_step;
 }
 
 void install_batch_at_exit() {

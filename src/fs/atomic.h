@@ -36,8 +36,8 @@ void install_staged_file(staged_file file);
 // what it has finished, as it would have without a batch.
 void install_in_batch(staged_file file);
 
-// Puts in place the files that still wait for it, in their order. A failure ends the run with that file and
-// those behind it old and whole.
+// Puts in place the files that still wait for it, in their order. A failure ends the run with that file old and
+// whole, and those behind it as if they had never been written.
 void install_batch();
 
 // Replaces `destination` by a copy of `source` with the given owner and mode, in one step. Every failure ends
