@@ -26,6 +26,7 @@ BURST_CORE = "0"
 class Programs:
     def __init__(self, build):
         self.halyard = str(build / "halyard")
+        self.check = str(build / "halyard-check")
         self.floor = str(build / "benchmark/floor")
         self._measure = str(build / "benchmark/measure")
 
@@ -114,6 +115,19 @@ def _less(figures, others):
     return tuple(a - b for a, b in zip(figures, others))
 
 
+def check_ratio(programs, rebuild, repetitions):
+    """What a check of everything costs, as a multiple of a rebuild: medians of runs that take turns."""
+    times = {"rebuild": [], "check": []}
+    for _ in range(repetitions):
+        for name, command, accepted in (("rebuild", rebuild, (0,)), ("check", [programs.check, "--json"], (0, 1))):
+            begin = time.monotonic()
+            status = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False).returncode
+            times[name].append(time.monotonic() - begin)
+            if status not in accepted:
+                sys.exit(f"{' '.join(command)} ended with status {status}")
+    return statistics.median(times["check"]) / statistics.median(times["rebuild"])
+
+
 def burst_ratio(programs):
     """100 runs at once, as a multiple of their times one after the other; everything on one core."""
     server = pathlib.Path("/run/mysqld/mysqld.pid").read_text(encoding="ascii").strip()
@@ -187,6 +201,7 @@ def main():
             rebuild = programs.operation("--reconfigure-all")
             rebuilds[size] = compare(programs, rebuild, repetitions, path)
             print_row("rebuild", size, rebuilds[size])
+            print(f"    halyard-check takes {check_ratio(programs, rebuild, min(repetitions, 5)):.2f} times as long")
             if size <= 1000:
                 print_steps(programs, rebuild, min(repetitions, 5), path, httpd)
             one = programs.operation("--reconfigure-vhost", middle)

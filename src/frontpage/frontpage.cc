@@ -163,21 +163,30 @@ int install_extensions(const fp_site &site, const frontpage_request &request) {
   return result;
 }
 
-void unlink_or_report(const char *path) {
-  if (unlink(path) != 0)
-    report_failure(0, 0, "Unable unlink %s: %s", path, std::strerror(errno));
+void report_unlink_failure(const char *path) {
+  report_failure(0, 0, "Unable unlink %s: %s", path, std::strerror(errno));
 }
 
-// Whether something else stands in place of the alias: www.<name> may be a site of its own, whose file that
-// is. An alias that is missing counts as one that cannot be deleted, and so does a directory.
-bool is_www_alias_taken(const fp_site &site) {
-  const errno_guard keep;
+void unlink_or_report(const char *path) {
+  if (unlink(path) != 0)
+    report_unlink_failure(path);
+}
+
+// Deletes the alias unless something else stands in its place: www.<name> may be a site of its own, whose file that
+// is. An alias that is missing, or cannot be looked at, counts as one that cannot be deleted, and so does a directory.
+void remove_www_alias(const fp_site &site) {
+  const char *alias = site.www_cnf.c_str();
   struct stat status;
-  if (lstat(site.www_cnf.c_str(), &status) != 0 || S_ISDIR(status.st_mode))
-    return false;
   char target[TEXT_SIZE];
-  const ssize_t length = readlink(site.www_cnf.c_str(), target, sizeof target);
-  return length < 0 || std::string_view(target, static_cast<std::size_t>(length)) != site.cnf.c_str();
+  ssize_t length = 0;
+  if (lstat(alias, &status) != 0 ||
+      (S_ISLNK(status.st_mode) && (length = readlink(alias, target, sizeof target)) < 0)) {
+    report_unlink_failure(alias);
+    return;
+  }
+  const std::string_view leads_to(target, static_cast<std::size_t>(length));
+  if (S_ISDIR(status.st_mode) || (S_ISLNK(status.st_mode) && leads_to == site.cnf.c_str()))
+    unlink_or_report(alias);
 }
 
 int remove_extensions(const fp_site &site, const frontpage_request &request) {
@@ -185,8 +194,7 @@ int remove_extensions(const fp_site &site, const frontpage_request &request) {
   const int result = run_in_shell(bounded_text("%s -o '%s' -m '%s' -p '%s' -s '%s'", OWSADM, "fulluninstall",
                                                site.name.c_str(), request.port, site.fake_cnf.c_str()));
   unlink_or_report(site.fake_cnf.c_str());
-  if (!is_www_alias_taken(site))
-    unlink_or_report(site.www_cnf.c_str());
+  remove_www_alias(site);
   if (!set_document_root_mode(docs_root, 0750))
     report_failure(0, 0, "fp_shim: unable to chmod %s for server %s: %s\n", docs_root, request.domain,
                    std::strerror(errno));
