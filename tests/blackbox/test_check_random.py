@@ -68,6 +68,7 @@ def test_sample_panel_has_nothing_but_the_name_that_is_never_matched(panel):
     load_sample(panel)
     panel.account("departed")
     os.makedirs("/usr/share/kiv-horde", exist_ok=True)
+    check.require_mounts(panel)
     check.real_server.make_certificates()
     assert panel.run("--reconfigure-all", "-v", "-w").out == ""
     assert [(row.kind, row.name) for row in check.findings(panel)] == [("suspicious", "bücher.example")]
