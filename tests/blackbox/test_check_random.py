@@ -65,6 +65,7 @@ def test_nothing_has_drifted_right_after_a_rebuild_of_a_random_panel(panel, sane
 
 def test_sample_panel_has_nothing_but_the_name_that_is_never_matched(panel):
     """Once the account that is gone is back and the certificates are real."""
+    check.require_mounts(panel)
     load_sample(panel)
     panel.account("departed")
     os.makedirs("/usr/share/kiv-horde", exist_ok=True)
