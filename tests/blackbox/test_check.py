@@ -1,5 +1,6 @@
 """halyard-check: what it finds of drift, in which forms it says so, and that it leaves everything as it is."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -345,10 +346,11 @@ def test_progress_is_shown_on_a_terminal_when_it_takes_longer_than_a_second(pane
     # The line comes with the first domain after a second.
     command = f"{check.PROGRAM} --prometheus /run/mysqld/metrics"
     script = ["--quiet", "--return", "--command", command, "/dev/null"]
-    with observe.table_lock("hosting"):
-        running = panel.start(*script, program="/usr/bin/script")
-        wait_until(lambda: observe.waits_for_table(panel))
-    with observe.table_lock("web_users", "domainaliases"):
+    with contextlib.ExitStack() as later:
+        with observe.table_lock("hosting"):
+            running = panel.start(*script, program="/usr/bin/script")
+            wait_until(lambda: observe.waits_for_table(panel))
+            later.enter_context(observe.table_lock("web_users", "domainaliases"))
         wait_until(lambda: observe.waits_for_table(panel))
         time.sleep(1.2)
     shown = running.result().out
