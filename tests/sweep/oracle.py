@@ -174,7 +174,9 @@ class Oracle:
         others = [path for path in new if not path.endswith(".new")]
         if outcome.status == 0 and self._is_done(operation, outcome, state) and new and not fault.may_leave(new):
             yield f"left behind by a run that succeeded: {new}"
-        if len(work) > 1 and outcome.status != 0 or len(others) > 1:
+        # A rebuild that is killed leaves what it has finished and not yet put in place: one of each beside a target.
+        most = len(state) if operation == "reconfigure-all" and outcome.status < 0 else 1
+        if len(work) > most and outcome.status != 0 or len(others) > most:
             yield f"too much is left behind: {new}"
 
     # The next run
