@@ -1,0 +1,99 @@
+// Linked into programs with coverage counters: has them written by children that end by _exit, abort or becoming another
+// program, and where the program itself could write nothing: in a read-only view, as another user, at its limits.
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern "C" {
+void __gcov_dump();
+void __gcov_reset();
+[[noreturn]] void __real__exit(int status);
+[[noreturn]] void __wrap__exit(int status);
+[[noreturn]] void __real_abort();
+[[noreturn]] void __wrap_abort();
+int __real_close_range(unsigned first, unsigned last, int flags);
+int __wrap_close_range(unsigned first, unsigned last, int flags);
+int __wrap___gcov_execv(const char *path, char *const *arguments);
+}
+
+namespace {
+
+constexpr rlim_t OUT_OF_THE_WAY = 5000; // of the descriptors that tests open and count
+
+unsigned root; // a descriptor
+char given_prefix[PATH_MAX];
+bool written = false;
+
+// Before the program hides or locks what lies around it: from this descriptor on, everything is as it was.
+[[gnu::constructor]] void remember_root() {
+  rlimit descriptors;
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  root = static_cast<unsigned>(std::min(OUT_OF_THE_WAY, descriptors.rlim_cur - 1));
+  const int fd = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  dup3(fd, static_cast<int>(root), O_CLOEXEC);
+  close(fd);
+  const char *given = std::getenv("GCOV_PREFIX");
+  std::snprintf(given_prefix, sizeof given_prefix, "%s", given != nullptr ? given : "");
+}
+
+void write_counters() {
+  if (written)
+    return;
+  written = true;
+  rlimit file_size;
+  getrlimit(RLIMIT_FSIZE, &file_size);
+  const rlimit highest{file_size.rlim_max, file_size.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &highest);
+  const mode_t mask = umask(0); // processes of other users add to the same files
+  char prefix[PATH_MAX + 32];
+  std::snprintf(prefix, sizeof prefix, "/proc/self/fd/%u/%s", root, given_prefix);
+  if (fcntl(static_cast<int>(root), F_GETFD) >= 0)
+    setenv("GCOV_PREFIX", prefix, 1);
+  __gcov_dump();
+  if (given_prefix[0] == '\0')
+    unsetenv("GCOV_PREFIX");
+  else
+    setenv("GCOV_PREFIX", given_prefix, 1);
+  umask(mask);
+  setrlimit(RLIMIT_FSIZE, &file_size);
+}
+
+[[gnu::destructor]] void write_counters_at_exit() {
+  write_counters();
+}
+
+} // namespace
+
+void __wrap__exit(int status) {
+  write_counters();
+  __real__exit(status);
+}
+
+void __wrap_abort() {
+  write_counters();
+  __real_abort();
+}
+
+int __wrap_close_range(unsigned first, unsigned last, int flags) {
+  if (first >= root || last <= root || flags != 0)
+    return __real_close_range(first, last, flags);
+  const int result = __real_close_range(first, root - 1, 0);
+  return result != 0 ? result : __real_close_range(root + 1, last, 0);
+}
+
+int __wrap___gcov_execv(const char *path, char *const *arguments) {
+  const int error = errno;
+  write_counters();
+  errno = error;
+  execve(path, arguments, environ);
+  __gcov_reset();
+  written = false;
+  return -1;
+}
