@@ -23,6 +23,10 @@ int __wrap_close_range(unsigned first, unsigned last, int flags);
 int __wrap___gcov_execv(const char *path, char *const *arguments);
 }
 
+// Of unit tests.
+[[gnu::weak]] void fail_allocations_of(std::size_t size);
+[[gnu::weak]] void fail_allocation(int number);
+
 namespace {
 
 constexpr rlim_t OUT_OF_THE_WAY = 5000; // of the descriptors that tests open and count
@@ -47,6 +51,10 @@ void write_counters() {
   if (written)
     return;
   written = true;
+  if (fail_allocations_of != nullptr) {
+    fail_allocations_of(0);
+    fail_allocation(0);
+  }
   rlimit file_size;
   getrlimit(RLIMIT_FSIZE, &file_size);
   const rlimit highest{file_size.rlim_max, file_size.rlim_max};
