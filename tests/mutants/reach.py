@@ -1,0 +1,195 @@
+"""Which test reaches which line of src/.
+
+Every test runs once in a build that notes the blocks of code that have run (reach.cc), the blackbox tests function by
+function. What was found out is kept, and is found out again for tests that have changed, for all when the sources have.
+"""
+
+import bisect
+import collections
+import concurrent.futures
+import hashlib
+import json
+import os
+import queue
+import re
+import subprocess
+
+from trees import HOME, TOP, Build, bring_up_to_date, must, read_report, tracked_files
+
+KEPT = HOME / "reach.json"
+MAP_SIZE = 8 << 20
+TRACE = "__sanitizer_cov_trace_pc>"
+
+
+# What the programs consist of
+
+def functions_and_blocks(program):
+    """Start addresses of the functions, and start to return address (what reach.cc notes) of all blocks."""
+    functions, blocks, waiting = [], {}, None
+    process = subprocess.Popen(["objdump", "-d", "--no-show-raw-insn", program], stdout=subprocess.PIPE, text=True)
+    for text in process.stdout:
+        if text.endswith(">:\n"):
+            functions.append(int(text.split()[0], 16))
+        elif waiting is not None or TRACE in text:
+            found = re.match(r"\s+([0-9a-f]+):", text)
+            if not found:
+                continue
+            address = int(found.group(1), 16)
+            if waiting is not None:
+                blocks[waiting] = address
+            waiting = address if TRACE in text else None
+    process.wait()
+    return functions, blocks
+
+
+def line_table(program, names):
+    """(address, file:line) of everything that comes from these files."""
+    by_end = collections.defaultdict(set)
+    for name in names:
+        by_end[os.path.basename(name)].add(name)
+    rows, current = [], None
+    for text in must(["readelf", "-wL", "-W", program]).splitlines():
+        if text.endswith(":") and "/" in text:
+            current = re.sub(r".*?(?:^|/)(src/)", r"\1", text.removeprefix("CU: ")[:-1])
+            continue
+        fields = text.split()
+        if len(fields) >= 3 and fields[0] in by_end and fields[1].isdigit() and fields[2].startswith("0x"):
+            files = {current} if current in by_end[fields[0]] else by_end[fields[0]]
+            rows += [(int(fields[2], 16), f"{name}:{fields[1]}") for name in files]
+    return rows
+
+
+class Program:
+    """Lines of each block, and first and last line of each function of src/."""
+
+    def __init__(self, path, names):
+        starts, blocks = functions_and_blocks(path)
+        block_starts = sorted(blocks)
+        self.lines = collections.defaultdict(set)
+        spans = {}
+        for address, line in line_table(path, names):
+            function = bisect.bisect_right(starts, address) - 1
+            if function < 0 or not block_starts:
+                continue
+            end = starts[function + 1] if function + 1 < len(starts) else address + 1
+            block = bisect.bisect_right(block_starts, address) - 1
+            if block < 0 or block_starts[block] < starts[function]:
+                block += 1  # what comes before a function's first block belongs to it
+            if block == len(block_starts) or block_starts[block] >= end:
+                continue
+            self.lines[blocks[block_starts[block]]].add(line)
+            file, _, number = line.rpartition(":")
+            first, last = spans.get((function, file), (int(number), int(number)))
+            spans[function, file] = min(first, int(number)), max(last, int(number))
+        self.functions = {(file, first, last) for (_, file), (first, last) in spans.items()}
+
+    def reached(self, addresses):
+        return set().union(*(self.lines.get(address, ()) for address in addresses))
+
+
+# What the tests reach
+
+def fingerprints(build):
+    """Of what each unit test and blackbox file is made of."""
+    common, files = hashlib.sha256(), {}
+    for name in sorted(tracked_files()):
+        content = hashlib.sha256((TOP / name).read_bytes()).digest()
+        files[name] = content
+        if re.match(r"src/|sandbox/|sql/|doc/examples/|tests/sweep/|tests/mutants/(reach|chosen)|script/sandbox|"
+                    r"tests/unit/support|tests/blackbox/(?!test_)|CMakeLists|tests/CMakeLists", name):
+            common.update(name.encode() + content)
+    own = {name: f"tests/{name}.cc" for name in build.unit}
+    own.update({name: f"tests/blackbox/{name}" for name in build.files})
+    return {name: hashlib.sha256(common.digest() + files[path]).hexdigest() for name, path in own.items()}
+
+
+def measure_unit_test(build, worker, name, program_of):
+    program = name.removeprefix("unit/")
+    build.make(program)
+    prefix = HOME / f"map{worker}"
+    path = prefix.with_name(f"{prefix.name}.{program}")
+    with open(path, "wb") as file:
+        file.truncate(MAP_SIZE)
+    path.chmod(0o666)
+    passed = build.run_unit_test(name, 300, {"HALYARD_REACH": str(prefix)})
+    addresses = [found.start() for found in re.finditer(b"\1", path.read_bytes())]
+    path.unlink()
+    return {name: {"passed": passed, "seconds": 2, "lines": sorted(program_of(program).reached(addresses))}}
+
+
+def measure_file(build, worker, name, program_of):
+    report = HOME / f"report{worker}"
+    report.unlink(missing_ok=True)
+    settings = {"PYTHONPATH": str(build.tree / "tests/mutants"), "MUTATE_REPORT": str(report),
+                "MUTATE_REACH": str(HOME / f"map{worker}")}
+    build.run_blackbox_file(name, report, settings)
+    tests = {}
+    for entry in read_report(report):
+        if "test" in entry:
+            lines = set().union(*(program_of(program).reached(addresses)
+                                  for program, addresses in entry["reached"].items()))
+            tests[entry["test"]] = {"passed": entry["passed"], "seconds": entry["seconds"], "lines": sorted(lines)}
+    return tests
+
+
+def measure(build, workers, wanted):
+    """Results of these unit tests and files of blackbox tests."""
+    names = {name for name in tracked_files() if re.match(r"src/.*\.(cc|h)$", name)}
+    programs = {}
+
+    def program_of(name):
+        if name not in programs:
+            place = build.place if name.startswith("halyard") else build.place / "tests"
+            programs[name] = Program(place / name, names)
+        return programs[name]
+
+    program_of("halyard"), program_of("halyard-check")
+    free = queue.Queue()
+    for worker in range(workers):
+        free.put(worker)
+    results = {}
+
+    def one(name):
+        worker = free.get()
+        try:
+            how = measure_unit_test if name.startswith("unit/") else measure_file
+            results[name] = how(build, worker, name, program_of)
+            wrong = [test for test, result in results[name].items() if not result["passed"]]
+            print(f"{len(results)}/{len(wanted)} {name}" + "".join(f"\nfails: {test}" for test in wrong), flush=True)
+        finally:
+            free.put(worker)
+
+    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
+        list(pool.map(one, wanted))
+    functions = set(programs["halyard"].functions | programs["halyard-check"].functions)
+    return results, sorted(functions)
+
+
+def reach(workers, tree):
+    """(test to seconds and lines reached, of all tests that pass; (file, first, last line) of all functions)."""
+    bring_up_to_date(tree)
+    HOME.mkdir(parents=True, exist_ok=True)
+    must(["g++", "-O1", "-c", TOP / "tests/mutants/reach.cc", "-o", HOME / "reach.o"])
+    build = Build(tree, "reach", "-O0 -g -fsanitize-coverage=trace-pc", str(HOME / "reach.o"))
+    marks = fingerprints(build)
+    kept = json.loads(KEPT.read_text()) if KEPT.exists() else {"marks": {}, "results": {}, "functions": []}
+    wanted = [name for name, mark in marks.items() if kept["marks"].get(name) != mark]
+    # Long ones first, so that nobody waits for one of them at the end.
+    wanted.sort(key=lambda name: not re.search("sweep|check|restart|random", name))
+    if wanted:
+        print(f"finding out what {len(wanted)} of {len(marks)} tests reach", flush=True)
+        build.make_all(workers)
+        results, functions = measure(build, workers, wanted)
+        kept["functions"] = functions
+        kept["results"].update(results)
+        for name in wanted:
+            kept["marks"][name] = marks[name]
+        KEPT.write_text(json.dumps(kept))
+    tests = {}
+    for name in marks:
+        tests.update(kept["results"][name])
+    failing = [name for name, test in tests.items() if not test["passed"]]
+    for name in failing:
+        print(f"left out, since it fails without a change: {name}")
+        del tests[name]
+    return tests, [tuple(function) for function in kept["functions"]]
