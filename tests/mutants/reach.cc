@@ -42,7 +42,8 @@ __attribute__((constructor)) void begin() {
   const int file = open(path, O_RDWR | O_CLOEXEC);
   struct stat status {};
   if (file >= 0 && fstat(file, &status) == 0) {
-    void *mapped = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    void *mapped =
+        mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     if (mapped != MAP_FAILED) {
       size = static_cast<uintptr_t>(status.st_size);
       reached = static_cast<char *>(mapped);
@@ -57,8 +58,8 @@ __attribute__((constructor)) void begin() {
 } // namespace
 
 extern "C" void __sanitizer_cov_trace_pc() {
-  const uintptr_t offset =
-      reinterpret_cast<uintptr_t>(__builtin_return_address(0)) - reinterpret_cast<uintptr_t>(&__executable_start);
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(__builtin_return_address(0)) -
+                           reinterpret_cast<uintptr_t>(&__executable_start);
   if (reached != nullptr && offset < size) {
     reached[offset] = 1;
   }
