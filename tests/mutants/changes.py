@@ -13,8 +13,8 @@ Mutant = collections.namedtuple("Mutant", "file line position old new code")
 NOT_CODE = re.compile(r'(?P<raw>R"\(.*?\)")|(?P<text>"(?:\\.|[^"\\\n])*")|(?P<letter>\'(?:\\.|[^\'\\\n])+\')'
                       r'|(?P<comment>//[^\n]*|/\*.*?\*/)', re.DOTALL)
 # Nothing that runs: what is said to the compiler only.
-# Nor sizes of arrays, and what numbers stand for names.
-DECLARATION = re.compile(r"^[ \t]*#[^\n]*|std::array<[^<>]*>|\w\[\d+\](?=[ ;])|^[ \t]*[A-Z_0-9]+ = \d+,|\[\[.*?\]\]|__attribute__\(\(.*?\)\)|\bstatic_assert\(.*?\);|\balignas\([^)]*\)|"
+# Nor sizes of arrays, numbers that stand for names, and a parameter that has no effect.
+DECLARATION = re.compile(r"^[ \t]*#[^\n]*|std::array<[^<>]*>|\w\[\d+\](?=[ ;])|^[ \t]*[A-Z_0-9]+ = \d+,|(?<=\breport_failure\(\d, )\d|\[\[.*?\]\]|__attribute__\(\(.*?\)\)|\bstatic_assert\(.*?\);|\balignas\([^)]*\)|"
                          r"^(?:using|namespace|extern|template)\b[^\n]*|\boperator(?:==|<=>)|= (?:default|delete);",
                          re.DOTALL | re.MULTILINE)
 SWAPS = [
@@ -110,9 +110,11 @@ def all_mutants():
 
 
 def key_of(mutant):
-    """What names a mutant as long as its line stays the same, wherever that is."""
-    begin = mutant.position - source(mutant.file).rfind("\n", 0, mutant.position)
-    return mutant.file, mutant.code, " ".join(mutant.old.split()), " ".join(mutant.new.split()), begin
+    """What names a mutant as long as its line stays the same, wherever that is: file, line, column, old, new."""
+    text = source(mutant.file)
+    begin = text.rfind("\n", 0, mutant.position) + 1
+    column = mutant.position - begin - len(re.match(r"[ \t]*", text[begin:]).group())
+    return mutant.file, mutant.code, str(column), " ".join(mutant.old.split()), " ".join(mutant.new.split())
 
 
 def mutated(mutant):

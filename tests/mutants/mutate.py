@@ -242,23 +242,22 @@ class Results:
 
 
 def known_equivalents():
-    """(file, line's text, old, new) to reason."""
+    """What key_of says to the reason."""
     known = {}
     for line in EQUIVALENT.read_text().splitlines():
         if line and not line.startswith("#"):
             fields = [field.strip() for field in line.split(" @ ")]
-            assert len(fields) == 5, line
-            known[tuple(fields[:4])] = fields[4]
+            assert len(fields) == 6, line
+            known[tuple(fields[:5])] = fields[5]
     return known
 
 
 def describe(mutant):
-    file, code, old, new, _ = key_of(mutant)
-    return f"{file} @ {code} @ {old} @ {new}"
+    return " @ ".join(key_of(mutant))
 
 
 def is_equivalent(mutant, known):
-    return key_of(mutant)[:4] in known
+    return key_of(mutant) in known
 
 
 class Run:
@@ -326,8 +325,10 @@ def main():
     reached = {file: [mutant for mutant in mutants if reach_of.of(mutant)]
                for file, mutants in all_mutants().items() if options.only in file}
     print(f"seed {options.seed}: {options.count} of {sum(map(len, reached.values()))} changes", flush=True)
-    run = Run(options, in_order({file: mutants for file, mutants in reached.items() if mutants}, options.seed),
-              Results(options.seed))
+    results = Results(options.seed)
+    mutants = in_order({file: mutants for file, mutants in reached.items() if mutants}, options.seed)
+    mutants.sort(key=lambda mutant: key_of(mutant) not in results.verdicts)
+    run = Run(options, mutants, results)
     killers = collections.Counter()
     judges = []
     for number in range(options.workers):
