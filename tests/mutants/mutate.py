@@ -189,7 +189,7 @@ class Judge:
         return (0.05 + self.reach_of.seconds[name]) / (1 + 8 * here + anywhere) * (0.3 if stem in name else 1)
 
     def _limit(self, name):
-        return 20 + 6 * self.reach_of.seconds[name]
+        return (10 if name.startswith("unit/") else 15) + 6 * self.reach_of.seconds[name]
 
     def _first_that_fails(self, names):
         """The first test that fails, and does so again."""
