@@ -40,6 +40,11 @@ OPERATIONS = {
     "remove-fp": ["--remove-fp", *SITE],
     "detached": ["--install-vhost", "--vhost-name=" + SHOP],
 }
+CHECKS = {
+    "check": [],
+    "check-diff": ["--diff"],
+    "check-metrics": ["--json", f"--prometheus={HOME}/metrics", SHOP],
+}
 
 
 def domain_path(name):
@@ -146,6 +151,13 @@ def _quick_stand_ins():
     _program(APACHE, f"exec cat {HOME}/version\n")
     for name in os.listdir(PRODUCT_RC_D):
         _program(PRODUCT_RC_D / name, f'echo "${{0##*/}} $1" >>{CALLS_LOG}\n')
+
+
+def _command(operation):
+    halyard = pathlib.Path(os.environ["HALYARD"])
+    if operation in CHECKS:
+        return [halyard.with_name("halyard-check"), *CHECKS[operation]]
+    return [halyard, *OPERATIONS[operation]]
 
 
 class SystemLog:
@@ -270,7 +282,7 @@ class Scene:
         out, err = HOME / "out", HOME / "err"
         with open(out, "wb") as out_file, open(err, "wb") as err_file:
             process = subprocess.Popen(
-                [*map(os.fspath, prefix), os.environ["HALYARD"], *OPERATIONS[operation]], cwd="/",
+                [*map(os.fspath, prefix), *_command(operation)], cwd="/",
                 env={**os.environ, "LC_ALL": "C", "KIV_PASSWORD": "s3cret", "ASAN_OPTIONS": "detect_leaks=0",
                      **(environment or {})},
                 stdin=subprocess.DEVNULL, stdout=out_file, stderr=err_file)

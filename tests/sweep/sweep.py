@@ -10,7 +10,9 @@ import sys
 import time
 
 import calls
+import check
 import concurrency
+import functions
 import memory
 import scene as scenes
 import server
@@ -18,13 +20,16 @@ from faults import choose
 from oracle import Oracle
 
 TOOLS = os.environ.get("SWEEP_TOOLS", "")
+FUNCTIONS = "libsweep_functions.so"
 
 # What each sweep is called and made from.
 SWEEPS = {
     "calls": lambda scene: calls.Sweep(scene, os.path.join(TOOLS, "sweep_inject")),
+    "functions": lambda scene: functions.Sweep(scene, os.path.join(TOOLS, FUNCTIONS)),
     "memory": lambda scene: memory.Sweep(scene, os.path.join(TOOLS, "libsweep_memory.so")),
     "server": server.Sweep,
 }
+CHECK = "check"
 CONCURRENCY = "concurrency"
 
 
@@ -40,7 +45,7 @@ def play(scene, oracle, sweep, operation, fault):
 
 def main():
     parser = argparse.ArgumentParser(prog="script/sweep", description=__doc__)
-    parser.add_argument("kinds", nargs="*", choices=[[], *SWEEPS, CONCURRENCY],
+    parser.add_argument("kinds", nargs="*", choices=[[], *SWEEPS, CHECK, CONCURRENCY],
                         help="what to do, everything without one")
     parser.add_argument("--operation", action="append", choices=list(scenes.OPERATIONS))
     parser.add_argument("--count", type=int, help="so many cases of each kind and operation instead of all")
@@ -51,15 +56,37 @@ def main():
     oracle = Oracle(scene)
     failed = 0
     print(f"seed {arguments.seed}", flush=True)
-    for kind in arguments.kinds or [*SWEEPS, CONCURRENCY]:
+    for kind in arguments.kinds or [*SWEEPS, CHECK, CONCURRENCY]:
         if kind == CONCURRENCY:
             failed += run_rounds(scene, arguments)
+            continue
+        if kind == CHECK:
+            failed += run_checks(scene, arguments)
             continue
         sweep = SWEEPS[kind](scene)
         for operation in arguments.operation or scenes.OPERATIONS:
             failed += run_sweep(scene, oracle, sweep, operation, arguments)
         sweep.close()
     return 1 if failed else 0
+
+
+def run_checks(scene, arguments):
+    """Calls that fail under halyard-check."""
+    failed = 0
+    sweep = functions.Sweep(scene, os.path.join(TOOLS, FUNCTIONS))
+    for operation in scenes.CHECKS:
+        begin = time.monotonic()
+        scenes.restore(scene.old["install-vhost"])
+        oracle = check.Oracle(scene, operation)
+        cases = choose(sweep.cases(operation), arguments.count, arguments.seed)
+        for fault in cases:
+            outcome = sweep.play(operation, fault)
+            wrong = oracle.judge(outcome) if outcome else []
+            if wrong:
+                failed += 1
+                print(f"{operation}: {fault}", *(f"    {what}" for what in wrong), f"    {outcome}", sep="\n", flush=True)
+        print(f"{CHECK} {operation}: {len(cases)} cases, {time.monotonic() - begin:.0f} s", flush=True)
+    return failed
 
 
 def run_rounds(scene, arguments):
