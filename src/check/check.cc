@@ -148,6 +148,12 @@ void note(check_run &run, const std::string &text) {
     run.result.notes.push_back("more of the like");
 }
 
+// What a generator said and went on.
+void note_warnings(check_run &run, const std::string &name, const generated_file &file) {
+  if (file.what == outcome::written && !file.messages.empty())
+    note(run, name + ": " + one_line(file.messages));
+}
+
 // What the hosts of a file ask for: of the text as it would be, or of the installed one that stays.
 void survey_site(check_run &run, const std::string &name, const std::string &path, const generated_file &file,
                  const live_file &live) {
@@ -163,8 +169,7 @@ void take_domain(check_run &run, std::size_t index, generated_file &&file) {
   const live_file live = read_live_file(path);
   if (!run.only_diff)
     survey_site(run, name, path, file, live);
-  if (file.what == outcome::written && !file.messages.empty())
-    note(run, name + ": " + one_line(file.messages));
+  note_warnings(run, name, file);
   compare_domain(run.drift, index, path, file, live);
 }
 
@@ -302,6 +307,7 @@ check_state check_all(check_run &run, double begin) {
   server_files files;
   if (state == check_state::done)
     state = check_server(run, !run.only_diff, files);
+  note_warnings(run, SERVER_NAME, files.config);
   if (state == check_state::done && !run.only_diff) {
     survey_server(run, files);
     if (!check_surroundings(run))

@@ -11,6 +11,10 @@ namespace {
 
 constexpr off_t LARGEST_FILE = 64 << 20; // nothing that anybody generates or edits by hand
 
+bool is_absence(int error) {
+  return error == ENOENT || error == ENOTDIR;
+}
+
 } // namespace
 
 bool read_whole_file(const char *path, std::string &text, struct stat &status) {
@@ -42,15 +46,24 @@ bool read_whole_file(const char *path, std::string &text) {
   return read_whole_file(path, text, status);
 }
 
-std::vector<std::string> entries_of(const std::string &directory) {
-  std::vector<std::string> names;
+bool list_entries(const std::string &directory, std::vector<std::string> &names) {
+  names.clear();
   unique_fd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_NOATIME | O_CLOEXEC));
-  const unique_dir stream(fd.fd >= 0 ? fdopendir(fd.fd) : nullptr);
-  if (stream)
-    static_cast<void>(fd.release()); // the stream's now
-  while (const dirent *entry = stream ? readdir(stream.get()) : nullptr)
+  if (fd.fd < 0)
+    return is_absence(errno);
+  const unique_dir stream(fdopendir(fd.fd));
+  if (!stream)
+    return false;
+  static_cast<void>(fd.release()); // the stream's now
+  errno = 0;
+  while (const dirent *entry = readdir(stream.get()))
     if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
       names.emplace_back(entry->d_name);
   std::sort(names.begin(), names.end());
-  return names;
+  return errno == 0;
+}
+
+bool look_at_entry(const char *path, struct stat &status, bool &exists) {
+  exists = lstat(path, &status) == 0;
+  return exists || is_absence(errno);
 }

@@ -13,5 +13,9 @@ bool read_whole_file(const char *path, std::string &text);
 // The same with what fstat said of the file that was read.
 bool read_whole_file(const char *path, std::string &text, struct stat &status);
 
-// Names of a directory's entries but "." and "..", in the order of their bytes; none when it cannot be read.
-std::vector<std::string> entries_of(const std::string &directory);
+// Names of a directory's entries but "." and "..", in the order of their bytes; none when there is no such directory.
+// Returns false with errno set when it cannot be read.
+bool list_entries(const std::string &directory, std::vector<std::string> &names);
+
+// lstat, for what may be gone: returns false with errno set when nobody can tell, else `exists` says it.
+bool look_at_entry(const char *path, struct stat &status, bool &exists);

@@ -23,8 +23,8 @@ namespace {
 // Domains of one child. Each costs some ten kilobytes of the view's memory.
 constexpr std::size_t DOMAINS_OF_A_CHILD = 800;
 
-// Answers of a child: of its beginning, and of each domain.
-enum answer_code : int { READY, VIEW_REFUSED, UNCONNECTED, WRITTEN, NOT_WRITTEN, BLOCKED };
+// Answers of a child: of its beginning, and of each domain. VIEW_REFUSED and FAILED come with the reason.
+enum answer_code : int { READY, VIEW_REFUSED, UNCONNECTED, WRITTEN, NOT_WRITTEN, FAILED, BLOCKED };
 
 bounded_text include_file_of(const std::string &domain) {
   return bounded_text("%s/%s/conf/httpd.include", HTTPD_VHOSTS_D, domain.c_str());
@@ -35,18 +35,21 @@ struct file_identity {
   dev_t device = 0;
   ino_t inode = 0;
   timespec changed = {};
+  bool known = false;
 
   explicit file_identity(const char *path) {
     struct stat status;
-    if (lstat(path, &status) == 0) {
+    bool exists = false;
+    known = look_at_entry(path, status, exists);
+    if (exists) {
       device = status.st_dev;
       inode = status.st_ino;
       changed = status.st_ctim;
     }
   }
   bool operator==(const file_identity &other) const {
-    return device == other.device && inode == other.inode && changed.tv_sec == other.changed.tv_sec &&
-           changed.tv_nsec == other.changed.tv_nsec;
+    return known && other.known && device == other.device && inode == other.inode &&
+           changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
   }
 };
 
@@ -68,13 +71,23 @@ unique_connection connect_or_end(child_line &line) {
   return db;
 }
 
-// Sends what generating has put at `path`, if it has put anything there.
-void send_file(child_line &line, const char *path, const file_identity &before) {
+// Sends a file, if it is there.
+void send_file(child_line &line, const char *path) {
   std::string text;
-  if (file_identity(path) == before || !read_whole_file(path, text))
+  if (read_whole_file(path, text))
+    send_answer(line, WRITTEN, text);
+  else if (errno == ENOENT)
     send_answer(line, NOT_WRITTEN, "");
   else
-    send_answer(line, WRITTEN, text);
+    send_answer(line, FAILED, bounded_text("%s: %s", path, std::strerror(errno)).c_str());
+}
+
+// Sends what generating has put at `path`, if it has put anything there.
+void send_new_file(child_line &line, const char *path, const file_identity &before) {
+  if (file_identity(path) == before)
+    send_answer(line, NOT_WRITTEN, "");
+  else
+    send_file(line, path);
 }
 
 using number_iterator = std::vector<std::size_t>::const_iterator;
@@ -95,7 +108,7 @@ void generate_in_child(child_line &line, const std::vector<std::string> &names, 
     const file_identity before(path.c_str());
     errno = 0;
     create_vhost_config(name.c_str(), db.get());
-    send_file(line, path.c_str(), before);
+    send_new_file(line, path.c_str(), before);
   }
   _exit(0); // the connection goes with the process
 }
@@ -108,6 +121,8 @@ generation_end failure_of(generation_state state, const std::string &reason) {
 generation_end early_end(const child_answer &answer) {
   if (answer.code == VIEW_REFUSED)
     return failure_of(generation_state::refused, answer.text);
+  if (answer.code == FAILED)
+    return failure_of(generation_state::failed, answer.text);
   return failure_of(generation_state::failed, answer.messages);
 }
 
@@ -131,8 +146,13 @@ generation_end take_answers(child_process &child, number_iterator &next, number_
     reap_child(child, last_words);
     return early;
   }
-  while (next != end && receive_answer(child, answer))
+  while (next != end && receive_answer(child, answer)) {
+    if (answer.code == FAILED) {
+      reap_child(child, last_words);
+      return early_end(answer);
+    }
     take(*next++, file_of(answer));
+  }
   const bool complete = next == end;
   reap_child(child, last_words);
   if (!complete)
@@ -156,7 +176,7 @@ void generate_server_file(child_line &line, const char *path) {
   const file_identity before(path);
   errno = 0;
   create_server_config(db.get());
-  send_file(line, path, before);
+  send_new_file(line, path, before);
   _exit(0);
 }
 
@@ -164,11 +184,14 @@ void generate_server_file(child_line &line, const char *path) {
 // is.
 void forward_server_file(child_line &line, const char *path) {
   child_process generator = start_child([&](child_line &own) { generate_server_file(own, path); });
+  if (generator.pid < 0) {
+    send_answer(line, FAILED, std::strerror(errno));
+    return;
+  }
   child_answer answer;
-  const bool answered = generator.pid >= 0 && receive_answer(generator, answer);
+  const bool answered = receive_answer(generator, answer);
   std::string last_words;
-  if (generator.pid >= 0)
-    reap_child(generator, last_words);
+  reap_child(generator, last_words);
   std::fputs(answered ? answer.messages.c_str() : last_words.c_str(), stderr);
   send_answer(line, answered ? answer.code : BLOCKED, answer.text);
 }
@@ -183,14 +206,42 @@ void check_server_in_child(child_line &line, const placed_file_source &next, boo
   send_answer(line, READY, "");
 
   forward_server_file(line, bounded_text("%s/zz010_kiv_httpd.conf", HTTPD_INCLUDE_D).c_str());
-  std::string text;
-  const bool created = !had_workers && read_whole_file(workers.c_str(), text);
-  send_answer(line, created ? WRITTEN : NOT_WRITTEN, text);
+  if (had_workers)
+    send_answer(line, NOT_WRITTEN, "");
+  else
+    send_file(line, workers.c_str());
   if (try_syntax) {
-    text.clear();
+    std::string text;
     const verdict said = try_configuration(text);
     send_answer(line, static_cast<int>(said), text);
   }
+}
+
+generation_end take_server_answers(const child_process &child, bool try_syntax, server_files &files) {
+  child_answer answer;
+  if (!receive_answer(child, answer))
+    return failure_of(generation_state::failed, "");
+  if (answer.code != READY)
+    return early_end(answer);
+  if (!receive_answer(child, answer))
+    return failure_of(generation_state::failed, "");
+  if (answer.code == UNCONNECTED || answer.code == FAILED)
+    return early_end(answer);
+  const bool ended = answer.code == BLOCKED;
+  files.config = file_of(answer);
+  if (ended)
+    files.config.what = outcome::blocked;
+  if (!receive_answer(child, answer))
+    return failure_of(generation_state::failed, "");
+  if (answer.code == FAILED)
+    return early_end(answer);
+  files.creates_workers = answer.code == WRITTEN;
+  files.workers = std::move(answer.text);
+  if (try_syntax && receive_answer(child, answer)) {
+    files.syntax = static_cast<verdict>(answer.code);
+    files.syntax_words = std::move(answer.text);
+  }
+  return {};
 }
 
 } // namespace
@@ -215,30 +266,11 @@ generation_end generate_server(const placed_file_source &next, bool try_syntax, 
   child_process child = start_child([&](child_line &line) { check_server_in_child(line, next, try_syntax); });
   if (child.pid < 0)
     return failure_of(generation_state::failed, std::strerror(errno));
-  child_answer answer;
-  generation_end result;
-  const bool begun = receive_answer(child, answer) && answer.code == READY && receive_answer(child, answer) &&
-                     answer.code != UNCONNECTED;
-  if (!begun)
-    result = early_end(answer);
-  else {
-    const bool ended = answer.code == BLOCKED;
-    files.config = file_of(answer);
-    if (ended)
-      files.config.what = outcome::blocked;
-    if (receive_answer(child, answer)) {
-      files.creates_workers = answer.code == WRITTEN;
-      files.workers = std::move(answer.text);
-    }
-    if (try_syntax && receive_answer(child, answer)) {
-      files.syntax = static_cast<verdict>(answer.code);
-      files.syntax_words = std::move(answer.text);
-    }
-  }
+  generation_end result = take_server_answers(child, try_syntax, files);
   std::string last_words;
   reap_child(child, last_words);
   if (result.state == generation_state::failed && result.reason.empty())
-    result.reason = last_words;
+    result.reason = last_words.empty() ? "no answer from the process that generates" : last_words;
   if (files.syntax == verdict::not_tried && files.syntax_words.empty())
     files.syntax_words = last_words;
   return result;

@@ -28,7 +28,10 @@ std::string link_text(const std::string &path) {
 // A live link stays what it is, so that it leads to a copy where there is one. Returns false when memory is
 // out.
 bool link_entries(const std::string &live, const std::string &copy) {
-  for (const std::string &entry : entries_of(live)) {
+  std::vector<std::string> entries;
+  if (!list_entries(live, entries))
+    return false;
+  for (const std::string &entry : entries) {
     const std::string own = link_text(live + "/" + entry);
     if (entry != LIVE &&
         symlink((own.empty() ? live + "/" + entry : own).c_str(), (copy + "/" + entry).c_str()) != 0)
@@ -89,6 +92,10 @@ void unfold_domain(const std::string &directory) {
   }
   unfold_directory(directory + "/conf");
   unfold_directory(directory + "/mivadata");
-  for (const std::string &label : entries_of(directory + "/subdomains"))
-    unfold_directory(directory + "/subdomains/" + label + "/mivadata");
+  const std::string subdomains = directory + "/subdomains";
+  std::vector<std::string> labels;
+  if (!list_entries(subdomains, labels))
+    end_run("%s: %s", subdomains.c_str(), std::strerror(errno));
+  for (const std::string &label : labels)
+    unfold_directory(subdomains + "/" + label + "/mivadata");
 }

@@ -28,11 +28,25 @@ struct tree_scan {
   std::set<directory_id> active_directories{}; // filled when first needed
 };
 
-void suspect(tree_scan &scan, kind what, const std::string &name, const std::string &path,
+// What nobody can look at ends the scan: it might be an orphan or a leftover.
+bool cannot_look(tree_scan &scan, const std::string &path) {
+  scan.failure = path + ": " + std::strerror(errno);
+  return false;
+}
+
+bool list_or_fail(tree_scan &scan, const std::string &directory, std::vector<std::string> &names) {
+  return list_entries(directory, names) || cannot_look(scan, directory);
+}
+
+bool suspect(tree_scan &scan, kind what, const std::string &name, const std::string &path,
              const std::string &message) {
   tree_suspect found{.what = what, .name = name, .path = path, .message = message, .status = {}};
-  if (lstat(path.c_str(), &found.status) == 0)
+  bool exists = false;
+  if (!look_at_entry(path.c_str(), found.status, exists))
+    return cannot_look(scan, path);
+  if (exists)
     scan.suspects.push_back(std::move(found));
+  return true;
 }
 
 bool is_random_suffix(const std::string &suffix) {
@@ -48,11 +62,15 @@ bool is_work_file(const std::string &entry, const std::string &file) {
   return suffix == "new" || is_random_suffix(suffix);
 }
 
-void scan_work_files(tree_scan &scan, const std::string &name, const std::string &directory,
+bool scan_work_files(tree_scan &scan, const std::string &name, const std::string &directory,
                      const char *file) {
-  for (const std::string &entry : entries_of(directory))
-    if (is_work_file(entry, file))
-      suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted");
+  std::vector<std::string> entries;
+  if (!list_or_fail(scan, directory, entries))
+    return false;
+  return std::all_of(entries.begin(), entries.end(), [&](const std::string &entry) {
+    return !is_work_file(entry, file) ||
+           suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted");
+  });
 }
 
 std::string directory_of(const std::string &name) {
@@ -82,15 +100,19 @@ bool scan_subdomains(tree_scan &scan, const std::string &name, bool has_file) {
   std::unordered_set<std::string> labels;
   bool asked = false;
   bool known = false;
-  for (const std::string &label : entries_of(subdomains)) {
+  std::vector<std::string> entries;
+  if (!list_or_fail(scan, subdomains, entries))
+    return false;
+  for (const std::string &label : entries) {
     const std::string conf = subdomains + "/" + label + "/conf";
     if (!is_directory(conf.c_str()))
       continue;
     if (!asked && !read_subdomains(scan.db, name, labels, known, scan.failure))
       return false;
     asked = true;
-    if ((known || has_file) && labels.count(label) == 0)
-      suspect(scan, kind::orphan, name, conf, "no subdomain " + label + " in the database");
+    if ((known || has_file) && labels.count(label) == 0 &&
+        !suspect(scan, kind::orphan, name, conf, "no subdomain " + label + " in the database"))
+      return false;
   }
   return true;
 }
@@ -102,11 +124,13 @@ bool scan_site(tree_scan &scan, const std::string &name) {
   if (!is_active && is_directory_of_active_site(scan, directory))
     return true; // looked at under its own name
   struct stat status;
-  const bool has_file = lstat(file.c_str(), &status) == 0;
-  if (has_file && !is_active)
-    suspect(scan, kind::orphan, name, file, "no active domain in the database");
-  scan_work_files(scan, name, directory + "/conf", DOMAIN_FILE);
-  return scan_subdomains(scan, name, has_file);
+  bool has_file = false;
+  if (!look_at_entry(file.c_str(), status, has_file))
+    return cannot_look(scan, file);
+  if (has_file && !is_active && !suspect(scan, kind::orphan, name, file, "no active domain in the database"))
+    return false;
+  return scan_work_files(scan, name, directory + "/conf", DOMAIN_FILE) &&
+         scan_subdomains(scan, name, has_file);
 }
 
 } // namespace
@@ -114,17 +138,21 @@ bool scan_site(tree_scan &scan, const std::string &name) {
 bool scan_tree(const site_list &sites, const std::vector<std::string> &only, MYSQL *db,
                std::vector<tree_suspect> &suspects, std::string &failure) {
   tree_scan scan{.sites = sites, .db = db, .suspects = suspects, .failure = failure};
-  for (const std::string &name : only.empty() ? entries_of(HTTPD_VHOSTS_D) : only)
-    if (!scan_site(scan, name))
-      return false;
-  scan_work_files(scan, SERVER_NAME, HTTPD_INCLUDE_D, SERVER_FILE);
-  scan_work_files(scan, SERVER_NAME, HTTPD_CONF_D, WORKERS_FILE);
-  return true;
+  std::vector<std::string> names = only;
+  if (only.empty() && !list_or_fail(scan, HTTPD_VHOSTS_D, names))
+    return false;
+  return std::all_of(names.begin(), names.end(),
+                     [&](const std::string &name) { return scan_site(scan, name); }) &&
+         scan_work_files(scan, SERVER_NAME, HTTPD_INCLUDE_D, SERVER_FILE) &&
+         scan_work_files(scan, SERVER_NAME, HTTPD_CONF_D, WORKERS_FILE);
 }
 
 bool is_unchanged(const tree_suspect &suspect) {
   struct stat now;
-  return lstat(suspect.path.c_str(), &now) == 0 && now.st_dev == suspect.status.st_dev &&
-         now.st_ino == suspect.status.st_ino && now.st_ctim.tv_sec == suspect.status.st_ctim.tv_sec &&
+  bool exists = false;
+  if (!look_at_entry(suspect.path.c_str(), now, exists))
+    return true; // nobody can tell that it has changed
+  return exists && now.st_dev == suspect.status.st_dev && now.st_ino == suspect.status.st_ino &&
+         now.st_ctim.tv_sec == suspect.status.st_ctim.tv_sec &&
          now.st_ctim.tv_nsec == suspect.status.st_ctim.tv_nsec;
 }
