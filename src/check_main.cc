@@ -30,20 +30,14 @@ void print_notes(const check_result &result) {
     std::fprintf(stderr, "halyard-check: %s\n", printable(note).c_str());
 }
 
+// Differences have been printed as they came.
 int show(const check_options &options, const check_result &result) {
-  switch (options.format) {
-  case output_format::monitoring:
+  if (options.format == output_format::monitoring)
     return print_monitoring(result);
-  case output_format::json:
+  if (options.format == output_format::json)
     print_json(result);
-    break;
-  case output_format::summary:
+  if (options.format == output_format::summary)
     print_summary(result);
-    break;
-  case output_format::diff:
-  case output_format::none:
-    break;
-  }
   return result.findings.empty() ? NOTHING_FOUND : FINDINGS;
 }
 

@@ -150,14 +150,14 @@ void note(check_run &run, const std::string &text) {
 
 // What a generator said and went on.
 void note_warnings(check_run &run, const std::string &name, const generated_file &file) {
-  if (file.what == outcome::written && !file.messages.empty())
+  if (file.what == file_outcome::written && !file.messages.empty())
     note(run, name + ": " + one_line(file.messages));
 }
 
 // What the hosts of a file ask for: of the text as it would be, or of the installed one that stays.
 void survey_site(check_run &run, const std::string &name, const std::string &path, const generated_file &file,
                  const live_file &live) {
-  const std::string &text = file.what == outcome::written ? file.text : live.text;
+  const std::string &text = file.what == file_outcome::written ? file.text : live.text;
   survey_configuration(name, text, run.survey, run.result);
   survey_users(name, path, live.text, run.survey, run.result);
 }

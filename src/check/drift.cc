@@ -41,7 +41,7 @@ std::size_t first_difference(const std::string &a, const std::string &b) {
   return static_cast<std::size_t>(std::count(a.begin(), place, '\n')) + 1;
 }
 
-std::string directory_of(const std::string &path) {
+std::string parent_directory(const std::string &path) {
   return path.substr(0, path.rfind('/'));
 }
 
@@ -90,6 +90,11 @@ bool is_change(const drift_entry &entry) {
   return entry.what == kind::stale || entry.what == kind::missing;
 }
 
+// Whether the text that it would be is there to be shown.
+bool has_text(const drift_entry &entry) {
+  return is_change(entry) && entry.offset >= 0;
+}
+
 std::string how_it_differs(const std::string &text, const live_file &live) {
   if (!live.fault.empty() && text == live.text)
     return live.fault;
@@ -103,7 +108,7 @@ void compare(std::vector<drift_entry> &entries, unique_fd &texts, std::size_t in
              const std::string &text, const live_file &live) {
   drift_entry entry{
       .what = kind::blocked, .index = index, .path = path, .message = "", .live_changed = live.changed};
-  const std::string fault = write_fault(directory_of(path), text.size());
+  const std::string fault = write_fault(parent_directory(path), text.size());
   if (!fault.empty()) {
     entry.message = "a rebuild would end here: " + path + " cannot be written: " + fault;
     entries.push_back(entry);
@@ -112,8 +117,10 @@ void compare(std::vector<drift_entry> &entries, unique_fd &texts, std::size_t in
     return;
   entry.what = live.exists ? kind::stale : kind::missing;
   entry.message = live.exists ? path + " " + how_it_differs(text, live) : path + " would be created";
-  if (!keep_text(texts, text, entry))
+  if (!keep_text(texts, text, entry)) {
+    entry.offset = -1; // half of it would lead the server and the reader astray
     entry.message += " (no memory to keep it)";
+  }
   entries.push_back(std::move(entry));
 }
 
@@ -125,7 +132,7 @@ std::string words_of(const generated_file &file, const char *otherwise) {
 // The entry of a file that was not generated.
 drift_entry refusal(std::size_t index, const std::string &path, const generated_file &file,
                     const live_file &live) {
-  const bool blocked = file.what == outcome::blocked;
+  const bool blocked = file.what == file_outcome::blocked;
   return {.what = blocked ? kind::blocked : kind::skipped,
           .index = index,
           .path = path,
@@ -170,7 +177,7 @@ live_file read_live_file(const std::string &path) {
 
 void compare_domain(drift_list &drift, std::size_t index, const std::string &path, const generated_file &file,
                     const live_file &live) {
-  if (file.what == outcome::written)
+  if (file.what == file_outcome::written)
     compare(drift.domains, drift.texts, index, path, file.text, live);
   else
     drift.domains.push_back(refusal(index, path, file, live));
@@ -181,7 +188,7 @@ void compare_server(drift_list &drift, const server_files &files) {
   drift.server_texts.reset();
   const std::string path = server_file_path();
   const live_file live = read_live_file(path);
-  if (files.config.what == outcome::written)
+  if (files.config.what == file_outcome::written)
     compare(drift.server, drift.server_texts, 0, path, files.config.text, live);
   else
     drift.server.push_back(refusal(0, path, files.config, live));
@@ -223,7 +230,7 @@ bool has_live_file_changed(const drift_list &drift, double begin) {
 
 bool next_changed_domain(const drift_list &drift, std::size_t &next, const std::vector<std::string> &names,
                          placed_file &file) {
-  while (next < drift.domains.size() && !is_change(drift.domains[next]))
+  while (next < drift.domains.size() && !has_text(drift.domains[next]))
     ++next;
   if (next == drift.domains.size())
     return false;
@@ -251,7 +258,7 @@ bool print_drift(const drift_list &drift, const std::vector<std::string> &names,
   bool printed = true;
   report_drift(drift, names, result);
   for_each_entry(drift, [&](const drift_entry &entry, const unique_fd &texts) {
-    if (!is_change(entry)) {
+    if (!has_text(entry)) {
       result.notes.push_back(entry.message);
       return;
     }

@@ -30,7 +30,7 @@ struct drift_entry {
   std::size_t index; // of the domain
   std::string path;
   std::string message;
-  off_t offset = 0; // of the text, for stale and missing
+  off_t offset = 0; // of the text, for stale and missing; -1 when there was no memory to keep it
   std::size_t size = 0;
   timespec live_changed = {};
 };
@@ -58,7 +58,7 @@ bool is_in_doubt(const drift_list &drift);
 // epoch).
 bool has_live_file_changed(const drift_list &drift, double begin);
 
-// Gives the next domain whose file would change; `next` is the caller's place in the list.
+// Gives the next domain whose file would change and whose text was kept; `next` is the caller's place in the list.
 bool next_changed_domain(const drift_list &drift, std::size_t &next, const std::vector<std::string> &names,
                          placed_file &file);
 
@@ -68,7 +68,7 @@ bool is_left_again(const drift_list &drift, const std::string &path);
 // Adds the entries to the result.
 void report_drift(const drift_list &drift, const std::vector<std::string> &names, check_result &result);
 
-// Prints the differences to standard output and adds the entries to the result. What stops or skips a domain
-// is noted.
+// Prints the differences to standard output and adds the entries to the result. What stops or skips a domain,
+// or cannot be shown, is noted.
 bool print_drift(const drift_list &drift, const std::vector<std::string> &names, check_result &result,
                  std::string &failure);

@@ -30,11 +30,11 @@ bounded_text include_file_of(const std::string &domain) {
   return bounded_text("%s/%s/conf/httpd.include", HTTPD_VHOSTS_D, domain.c_str());
 }
 
-// Which file a path stands for, to see whether it was replaced.
+// Which file a path stands for, to see whether another one was put there: generating never writes into a file
+// that is in place.
 struct file_identity {
   dev_t device = 0;
   ino_t inode = 0;
-  timespec changed = {};
   bool known = false;
 
   explicit file_identity(const char *path) {
@@ -44,12 +44,10 @@ struct file_identity {
     if (exists) {
       device = status.st_dev;
       inode = status.st_ino;
-      changed = status.st_ctim;
     }
   }
   bool operator==(const file_identity &other) const {
-    return known && other.known && device == other.device && inode == other.inode &&
-           changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+    return known && other.known && device == other.device && inode == other.inode;
   }
 };
 
@@ -127,7 +125,7 @@ generation_end early_end(const child_answer &answer) {
 }
 
 generated_file file_of(child_answer &answer) {
-  return {.what = answer.code == WRITTEN ? outcome::written : outcome::skipped,
+  return {.what = answer.code == WRITTEN ? file_outcome::written : file_outcome::skipped,
           .text = std::move(answer.text),
           .messages = std::move(answer.messages)};
 }
@@ -156,7 +154,7 @@ generation_end take_answers(child_process &child, number_iterator &next, number_
   const bool complete = next == end;
   reap_child(child, last_words);
   if (!complete)
-    take(*next++, {.what = outcome::blocked, .text = "", .messages = last_words});
+    take(*next++, {.what = file_outcome::blocked, .text = "", .messages = last_words});
   return {};
 }
 
@@ -230,7 +228,7 @@ generation_end take_server_answers(const child_process &child, bool try_syntax, 
   const bool ended = answer.code == BLOCKED;
   files.config = file_of(answer);
   if (ended)
-    files.config.what = outcome::blocked;
+    files.config.what = file_outcome::blocked;
   if (!receive_answer(child, answer))
     return failure_of(generation_state::failed, "");
   if (answer.code == FAILED)

@@ -7,14 +7,14 @@
 #include <string>
 #include <vector>
 
-enum class outcome {
+enum class file_outcome {
   written, // `text` is the file
   skipped, // the generator went on without a file and said why
   blocked, // the generator ended the run
 };
 
 struct generated_file {
-  outcome what = outcome::skipped;
+  file_outcome what = file_outcome::skipped;
   std::string text;
   std::string messages; // of the failure reporter, each ended by a newline
 };

@@ -41,7 +41,7 @@ struct survey_run {
   std::set<std::string> told{}; // paths and names that have been reported
 };
 
-void add(survey_run &run, const std::string &file, const std::string &message) {
+void report_unloadable(survey_run &run, const std::string &file, const std::string &message) {
   if (!run.told.insert(message).second)
     return;
   run.result.add(kind::unloadable, run.name, file, message);
@@ -56,10 +56,10 @@ void claim_name(survey_run &run, const std::string &name) {
     if (fresh || (first.site == run.site && first.host == run.host))
       continue;
     const std::string &owner = run.survey.site_names[first.site];
-    add(run, "",
-        "the name " + name + " on " + address + " belongs to " +
-            (first.site == run.site ? "another host of the same file" : "a host of " + owner) +
-            " too; only one of them answers");
+    report_unloadable(run, "",
+                      "the name " + name + " on " + address + " belongs to " +
+                          (first.site == run.site ? "another host of the same file" : "a host of " + owner) +
+                          " too; only one of them answers");
   }
 }
 
@@ -88,9 +88,9 @@ void document_root(survey_run &run, const directive &line) {
   if (line.words.empty() || is_directory(line.words[0].c_str()))
     return;
   const std::size_t before = run.result.findings.size();
-  add(run, line.words[0],
-      "document root " + line.words[0] + " is missing" +
-          (run.in_host ? "; the server warns and goes on" : ""));
+  report_unloadable(run, line.words[0],
+                    "document root " + line.words[0] + " is missing" +
+                        (run.in_host ? "; the server warns and goes on" : ""));
   if (run.in_host && run.result.findings.size() > before)
     run.result.findings.back().weight = severity::warning;
 }
@@ -104,8 +104,8 @@ void log_file(survey_run &run, const directive &line) {
     ++run.survey.log_files;
   const std::string directory = path.substr(0, path.rfind('/'));
   if (!is_directory(directory.c_str()))
-    add(run, directory,
-        "log directory " + directory + " is missing: even a graceful restart ends the server");
+    report_unloadable(run, directory,
+                      "log directory " + directory + " is missing: even a graceful restart ends the server");
 }
 
 void faulty_file(survey_run &run, const std::string &path, const std::string &fault) {
@@ -136,8 +136,9 @@ void ca_file(survey_run &run, const directive &line) {
 void password_file(survey_run &run, const directive &line) {
   if (line.words.empty() || path_exists(line.words[0].c_str()))
     return;
-  add(run, line.words[0],
-      "password file " + line.words[0] + " is missing: nobody gets into the protected directory");
+  report_unloadable(run, line.words[0],
+                    "password file " + line.words[0] +
+                        " is missing: nobody gets into the protected directory");
 }
 
 struct directive_row {
@@ -159,7 +160,7 @@ constexpr directive_row DIRECTIVES[] = {
     {"authuserfile", password_file, false},
 };
 
-void look_at(survey_run &run, const directive &line) {
+void look_at_directive(survey_run &run, const directive &line) {
   for (const directive_row &row : DIRECTIVES)
     if (line.name == row.name && (run.in_host || !row.in_hosts_only))
       row.look(run, line);
@@ -184,7 +185,7 @@ void survey_configuration(const std::string &name, const std::string &text, host
   survey_run run{.name = name, .survey = survey, .result = result, .addresses = {}};
   run.site = static_cast<std::uint32_t>(survey.site_names.size());
   survey.site_names.push_back(name);
-  for_each_directive(text, [&](const directive &line) { look_at(run, line); });
+  for_each_directive(text, [&](const directive &line) { look_at_directive(run, line); });
 }
 
 void survey_users(const std::string &name, const std::string &file, const std::string &text,

@@ -1,5 +1,8 @@
 #include "check/options.h"
 
+#include "fs/text.h"
+
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -41,12 +44,24 @@ constexpr char HELP_TEXT[] =
 constexpr char HINT[] = "\nTry 'halyard-check --help' for more information.";
 
 bool choose_format(check_options &options, output_format format, std::string &failure) {
-  if (options.format != output_format::summary && options.format != format) {
+  if (options.format != output_format::summary && options.format != format)
     failure = std::string("--diff, --json and --monitoring exclude each other") + HINT;
-    return false;
-  }
   options.format = format;
-  return true;
+  return failure.empty();
+}
+
+bool choose_metrics_file(check_options &options, const char *path, std::string &failure) {
+  if (is_empty(path))
+    failure = std::string("--prometheus needs the name of a file") + HINT;
+  options.metrics_file = path;
+  return failure.empty();
+}
+
+bool name_domains(check_options &options, char *const *begin, char *const *end, std::string &failure) {
+  options.domains.assign(begin, end);
+  if (std::any_of(begin, end, is_empty))
+    failure = std::string("empty domain name") + HINT;
+  return failure.empty();
 }
 
 [[noreturn]] void print_and_exit(const char *text) {
@@ -60,6 +75,27 @@ std::string complaint(char *const *argv, int answer) {
          HINT;
 }
 
+// One answer of getopt_long.
+bool take_option(char *const *argv, int answer, check_options &options, std::string &failure) {
+  switch (answer) {
+  case DIFF:
+    return choose_format(options, output_format::diff, failure);
+  case JSON:
+    return choose_format(options, output_format::json, failure);
+  case MONITORING:
+    return choose_format(options, output_format::monitoring, failure);
+  case PROMETHEUS:
+    return choose_metrics_file(options, optarg, failure);
+  case HELP:
+    print_and_exit(HELP_TEXT);
+  case VERSION:
+    print_and_exit("halyard-check " HALYARD_VERSION);
+  default:
+    failure = complaint(argv, answer);
+    return false;
+  }
+}
+
 } // namespace
 
 bool wants_monitoring(int argc, char *const *argv) {
@@ -71,42 +107,10 @@ bool wants_monitoring(int argc, char *const *argv) {
 
 bool parse_check_options(int argc, char **argv, check_options &options, std::string &failure) {
   int answer;
-  while ((answer = getopt_long(argc, argv, ":", OPTIONS.data(), nullptr)) != -1) {
-    switch (answer) {
-    case DIFF:
-    case JSON:
-    case MONITORING:
-      if (!choose_format(options,
-                         answer == DIFF   ? output_format::diff
-                         : answer == JSON ? output_format::json
-                                          : output_format::monitoring,
-                         failure))
-        return false;
-      break;
-    case PROMETHEUS:
-      options.metrics_file = optarg;
-      if (options.metrics_file.empty()) {
-        failure = std::string("--prometheus needs the name of a file") + HINT;
-        return false;
-      }
-      break;
-    case HELP:
-      print_and_exit(HELP_TEXT);
-    case VERSION:
-      print_and_exit("halyard-check " HALYARD_VERSION);
-    default:
-      failure = complaint(argv, answer);
+  while ((answer = getopt_long(argc, argv, ":", OPTIONS.data(), nullptr)) != -1)
+    if (!take_option(argv, answer, options, failure))
       return false;
-    }
-  }
-  options.domains.assign(argv + optind, argv + argc);
-  for (const std::string &domain : options.domains) {
-    if (domain.empty()) {
-      failure = std::string("empty domain name") + HINT;
-      return false;
-    }
-  }
   if (!options.metrics_file.empty() && options.format == output_format::summary)
     options.format = output_format::none;
-  return true;
+  return name_domains(options, argv + optind, argv + argc, failure);
 }

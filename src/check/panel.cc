@@ -14,6 +14,8 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <sstream>
+#include <string_view>
 
 namespace {
 
@@ -36,7 +38,7 @@ bool select_name(MYSQL *db, const std::string &name, std::string &stored, std::s
   const unique_text query = xasprintf("select name from domains where name='%s'", escaped(db, name).c_str());
   const unique_result result = select(db, query.get(), failure);
   MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
-  if (row == nullptr || row[0] == nullptr)
+  if (row == nullptr)
     return false;
   stored = row[0];
   return true;
@@ -49,23 +51,20 @@ bool is_number(const char *text) {
 // Seconds since the process was started; endless for one that is no halyard.
 double age_of_halyard(const char *pid) {
   std::string stat;
-  const std::string name = "(halyard";
   constexpr double ENDLESS = 1e18;
   if (!read_whole_file(bounded_text("/proc/%s/stat", pid).c_str(), stat))
     return ENDLESS;
-  const std::size_t name_end = stat.rfind(") ");
-  if (name_end == std::string::npos || name_end < name.size() ||
-      stat.compare(name_end - name.size(), name.size(), name) != 0)
+  const std::size_t name_end = stat.rfind(')') + 1;
+  if (!std::string_view(stat).substr(0, name_end).ends_with(" (halyard)"))
     return ENDLESS;
   // The state is field 3, the start in ticks since the system's is field 22.
-  std::size_t at = name_end + 1;
-  for (int field = 3; field < 22 && at != std::string::npos; ++field)
-    at = stat.find(' ', at + 1);
-  if (at == std::string::npos)
-    return ENDLESS;
+  std::istringstream fields(stat.substr(name_end));
+  std::string ticks;
+  for (int field = 3; field <= 22; ++field)
+    fields >> ticks;
   timespec now;
   clock_gettime(CLOCK_BOOTTIME, &now);
-  const double started = std::strtod(stat.c_str() + at, nullptr) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  const double started = std::strtod(ticks.c_str(), nullptr) / static_cast<double>(sysconf(_SC_CLK_TCK));
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 - started;
 }
 

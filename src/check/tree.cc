@@ -73,7 +73,7 @@ bool scan_work_files(tree_scan &scan, const std::string &name, const std::string
   });
 }
 
-std::string directory_of(const std::string &name) {
+std::string site_directory(const std::string &name) {
   return std::string(HTTPD_VHOSTS_D) + "/" + name;
 }
 
@@ -90,13 +90,13 @@ bool is_directory_of_active_site(tree_scan &scan, const std::string &directory) 
   directory_id id;
   if (scan.active_directories.empty())
     for (const std::string &name : scan.sites.names)
-      if (identify(directory_of(name), id))
+      if (identify(site_directory(name), id))
         scan.active_directories.insert(id);
   return identify(directory, id) && scan.active_directories.count(id) != 0;
 }
 
 bool scan_subdomains(tree_scan &scan, const std::string &name, bool has_file) {
-  const std::string subdomains = directory_of(name) + "/subdomains";
+  const std::string subdomains = site_directory(name) + "/subdomains";
   std::unordered_set<std::string> labels;
   bool asked = false;
   bool known = false;
@@ -118,7 +118,7 @@ bool scan_subdomains(tree_scan &scan, const std::string &name, bool has_file) {
 }
 
 bool scan_site(tree_scan &scan, const std::string &name) {
-  const std::string directory = directory_of(name);
+  const std::string directory = site_directory(name);
   const std::string file = directory + "/conf/" + DOMAIN_FILE;
   const bool is_active = scan.sites.active.count(name) != 0;
   if (!is_active && is_directory_of_active_site(scan, directory))

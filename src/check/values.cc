@@ -12,6 +12,7 @@
 
 namespace {
 
+// Asked of values that are not empty, but for is_nothing.
 using faulty = bool (*)(const std::string &value);
 
 bool has_any(const std::string &value, const char *characters) {
@@ -37,7 +38,7 @@ bool has_single_quote(const std::string &value) {
 }
 
 bool ends_with_backslash(const std::string &value) {
-  return !value.empty() && value.back() == '\\';
+  return value.back() == '\\';
 }
 
 bool has_bracket(const std::string &value) {
@@ -57,7 +58,7 @@ bool has_blank(const std::string &value) {
 }
 
 bool ends_with_blank(const std::string &value) {
-  return !value.empty() && has_blank(value.substr(value.size() - 1));
+  return has_blank(value.substr(value.size() - 1));
 }
 
 bool is_pattern(const std::string &value) {
@@ -253,7 +254,8 @@ std::string faults_of(const std::string &value, unsigned rules) {
   return faults;
 }
 
-void look_at(const value_row &row, MYSQL_ROW columns, const unsigned long *lengths, check_result &result) {
+void look_at_value(const value_row &row, MYSQL_ROW columns, const unsigned long *lengths,
+                   check_result &result) {
   if (columns[2] == nullptr)
     return;
   const std::string value(columns[2], lengths[2]);
@@ -294,7 +296,7 @@ bool check_values(MYSQL *db, check_result &result, std::string &failure) {
     if (!select(db, row.query, rows, failure))
       return false;
     while (MYSQL_ROW columns = mysql_fetch_row(rows.get()))
-      look_at(row, columns, mysql_fetch_lengths(rows.get()), result);
+      look_at_value(row, columns, mysql_fetch_lengths(rows.get()), result);
   }
   return check_lost_addresses(db, result, failure);
 }

@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <sched.h>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <vector>
@@ -53,12 +55,14 @@ bool is_in_overlay(const char *path) {
 }
 
 // Paths in mountinfo have blanks, line ends and backslashes as \040 and the like.
-std::string unescape_mount_point(const char *field) {
+std::string unescape_mount_point(const std::string &field) {
   std::string path;
-  for (const char *c = field; *c != '\0'; ++c) {
-    if (c[0] == '\\' && c[1] != '\0' && c[2] != '\0' && c[3] != '\0') {
-      path += static_cast<char>((c[1] - '0') * 64 + (c[2] - '0') * 8 + (c[3] - '0'));
-      c += 3;
+  for (const char *c = field.c_str(); *c != '\0'; ++c) {
+    unsigned code;
+    int length = 0;
+    if (std::sscanf(c, "\\%3o%n", &code, &length) == 1) {
+      path += static_cast<char>(code);
+      c += length - 1;
     } else {
       path += *c;
     }
@@ -66,24 +70,16 @@ std::string unescape_mount_point(const char *field) {
   return path;
 }
 
-struct free_line {
-  char *text = nullptr;
-  std::size_t size = 0;
-  ~free_line() { std::free(text); }
-};
-
 bool read_mount_points() {
-  const unique_file mounts(std::fopen("/proc/self/mountinfo", "re"));
+  std::ifstream mounts("/proc/self/mountinfo");
   if (!mounts)
     return false;
-  free_line line;
-  while (getline(&line.text, &line.size, mounts.get()) >= 0) {
-    char *rest = line.text;
-    const char *field = nullptr;
+  for (std::string line; std::getline(mounts, line);) {
+    std::istringstream fields(line);
+    std::string field; // the fifth is the place
     for (int i = 0; i < 5; ++i)
-      field = strsep(&rest, " ");
-    if (field != nullptr)
-      view.mount_points.push_back(unescape_mount_point(field));
+      std::getline(fields, field, ' ');
+    view.mount_points.push_back(unescape_mount_point(field));
   }
   std::sort(view.mount_points.begin(), view.mount_points.end());
   view.mount_points.erase(std::unique(view.mount_points.begin(), view.mount_points.end()),
