@@ -165,6 +165,26 @@ def test_configuration_of_a_subdomain_without_a_row_is_an_orphan(panel):
     assert found[:3] == ("orphan", "shop.test", str(shop.directory / "subdomains/old/conf"))
 
 
+def test_subdomains_without_a_row_are_orphans_where_their_domain_is_known(panel):
+    shop, _ = check.clean(panel)
+    panel.sql("UPDATE domains SET status = '16' WHERE name = 'shop.test'")
+    (shop.directory / INCLUDE).unlink()
+    for name in ("old", "older"):
+        (shop.directory / "subdomains" / name / "conf").mkdir(parents=True)
+        (HTTPD_VHOSTS_D / "not-of-the-panel/subdomains" / name / "conf").mkdir(parents=True)
+    assert [row[:3] for row in check.findings(panel) if row.kind == "orphan"] == [
+        ("orphan", "shop.test", str(shop.directory / "subdomains" / name / "conf")) for name in ("old", "older")]
+
+
+def test_subdomains_beside_a_file_that_nobody_knows_are_orphans_like_the_file(panel):
+    check.clean(panel)
+    (HTTPD_VHOSTS_D / "gone.test/conf").mkdir(parents=True)
+    (HTTPD_VHOSTS_D / "gone.test" / INCLUDE).touch()
+    (HTTPD_VHOSTS_D / "gone.test/subdomains/old/conf").mkdir(parents=True)
+    assert [row.file for row in check.findings(panel) if row.kind == "orphan"] == [
+        str(HTTPD_VHOSTS_D / "gone.test" / part) for part in (INCLUDE, "subdomains/old/conf")]
+
+
 def test_directory_under_the_ascii_name_of_a_domain_is_no_orphan(panel):
     check.clean(panel)
     check.site(panel, "bücher.test")
@@ -297,6 +317,40 @@ def test_site_behind_a_link_to_another_place_is_seen_and_left_alone(panel):
     assert sorted((path, path.lstat().st_mtime_ns) for path in elsewhere.rglob("*")) == before
 
 
+def test_file_systems_within_a_site_are_seen_wherever_they_are(panel):
+    """Below a name with a blank, hidden by another one, and a file that is one by itself."""
+    shop, _ = check.clean(panel)
+    place = shop.directory / "conf/with a\\blank"
+    (place / "inner").mkdir(parents=True)
+    panel.small_disk(place / "inner", 16)
+    panel.small_disk(place, 16)
+    rules = shop.directory / "conf/rules.conf"
+    rules.touch()
+    subprocess.run(["mount", "--bind", rules, rules], check=True)
+    try:
+        before = check.live_tree(), check.mounts()
+        assert check.findings(panel) == []
+        assert (check.live_tree(), check.mounts()) == before
+    finally:
+        subprocess.run(["umount", rules, place, place / "inner"], check=True)
+
+
+def test_file_that_cannot_be_replaced_blocks(panel):
+    shop, _ = check.clean(panel)
+    subprocess.run(["mount", "--bind", shop.directory / INCLUDE, shop.directory / INCLUDE], check=True)
+    append(shop.directory / INCLUDE)
+    found = check.findings(panel)
+    assert ("blocked", "shop.test") in [row[:2] for row in found]
+    assert found[0].message.endswith("conf/httpd.include): rename failed")
+
+
+def test_missing_directory_of_the_server_wide_file_blocks_it(panel):
+    check.clean(panel)
+    SERVER_FILE.parent.rename(SERVER_FILE.parent.with_name("elsewhere"))
+    found = check.findings(panel)
+    assert ("blocked", check.SERVER, str(SERVER_FILE)) in [row[:3] for row in found]
+
+
 # Domains by name
 
 def test_domains_that_are_named_are_looked_at_and_no_others(panel):
@@ -312,6 +366,17 @@ def test_domain_that_nobody_knows_is_no_check(panel):
     check.clean(panel)
     result = check.run(panel, "unknown.test")
     assert (result.status, result.out, result.err) == (2, "", "halyard-check: there is no domain unknown.test\n")
+
+
+def test_domain_without_a_file_of_its_own_may_be_named(panel):
+    check.clean(panel)
+    assert check.run(panel, "moved.test").out == "0 domains: nothing found\n"
+
+
+def test_domain_with_two_rows_is_looked_at_once(panel):
+    check.clean(panel)
+    panel.domain("shop.test", directories=False)
+    assert check.run(panel, "shop.test").out.splitlines()[-1].startswith("1 domain: ")
 
 
 # Formats
@@ -342,6 +407,7 @@ def test_colours_are_for_terminals_that_want_them(panel):
     shop, _ = check.clean(panel)
     append(shop.directory / INCLUDE)
     assert "\033[33mstale" in on_terminal(panel)
+    assert "\033[33mstale" in on_terminal(panel, TERM=None)
     assert "\033[" not in on_terminal(panel, NO_COLOR="1")
     assert "\033[" not in on_terminal(panel, TERM="dumb")
     assert "\033[" not in check.run(panel).out
@@ -582,6 +648,32 @@ def test_standard_output_that_takes_nothing_is_no_check(panel):
     assert ended.returncode == 2 and b"standard output: No space left on device" in ended.stderr
 
 
+@pytest.mark.parametrize("option, status, words", [
+    ("--json", 2, b"standard output: "),  # more than is kept until the end
+    ("--monitoring", 3, b"standard output: No space left on device"),
+    ("--diff", 2, b"diff: Input/output error"),
+])
+def test_output_in_another_format_that_takes_nothing_is_no_check(panel, option, status, words):
+    sites = check.clean(panel, *(f"site{n}.test" for n in range(12)))
+    for site in sites:
+        append(site.directory / INCLUDE)
+    with open("/dev/full", "wb") as full:
+        ended = subprocess.run([check.PROGRAM, option], stdout=full, stderr=subprocess.PIPE, check=False)
+    assert (ended.returncode, ended.stderr.splitlines()[-1].startswith(b"halyard-check: " + words)) == (status, True), ended
+
+
+def test_notes_are_twenty_and_a_word_that_there_are_more(panel):
+    check.require_mounts(panel)
+    for n in range(22):
+        panel.domain(f"site{n:02}.test", user="web1")
+    panel.sql("DROP TABLE dom_param")
+    notes = check.run(panel).err.splitlines()
+    assert len(notes) == 21
+    for n in range(20):
+        assert notes[n].startswith(f"halyard-check: site{n:02}.test: ") and "dom_param" in notes[n]
+    assert notes[20] == "halyard-check: more of the like"
+
+
 # Beside others
 
 @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGINT])
@@ -616,6 +708,13 @@ def test_burst_of_changes_is_no_finding(panel):
 
 # Machines that allow less
 
+def test_machine_that_refuses_a_private_view_is_told_for_an_empty_panel_as_well(panel):
+    check.require_mounts(panel)
+    result = panel.run("--bounding-set=-sys_admin", "--inh-caps=-sys_admin", str(check.PROGRAM),
+                       program="/usr/bin/setpriv")
+    assert result.status == 3 and "this machine refuses a private view" in result.err
+
+
 def refuse_overlays_over(directory):
     """Two overlays on top of each other are all that the kernel stacks."""
     for layer in ("first", "second"):
@@ -629,13 +728,40 @@ def refuse_overlays_over(directory):
                        check=True)
 
 
+def move_behind_links(panel):
+    """Sites behind a link to another name, to a place elsewhere, and one that is no directory at all."""
+    check.site(panel, "beside.test")
+    (HTTPD_VHOSTS_D / "beside.test").rename(HTTPD_VHOSTS_D / "other-name")
+    (HTTPD_VHOSTS_D / "beside.test").symlink_to("other-name")
+    check.site(panel, "far.test")
+    elsewhere = HTTPD_VHOSTS_D.parent / "elsewhere"
+    (HTTPD_VHOSTS_D / "far.test").rename(elsewhere)
+    (HTTPD_VHOSTS_D / "far.test").symlink_to(elsewhere)
+    for name in ("beside.test", "far.test"):
+        (HTTPD_VHOSTS_D / name / "pd/d..httpdocs@private").write_text("user:password\n")
+    check.rebuild(panel)
+    panel.domain("file.test", directories=False)
+    (HTTPD_VHOSTS_D / "file.test").touch()
+
+
 @pytest.fixture
 def stacked(panel):
     """A clean panel whose directories take no further overlay."""
+    yield from stack(panel, check.clean(panel))
+
+
+@pytest.fixture
+def stacked_with_links(panel):
     sites = check.clean(panel)
+    move_behind_links(panel)
+    (HTTPD_VHOSTS_D / ".halyard-check-live").mkdir()  # as a copy names what it is made of
+    yield from stack(panel, sites)
+
+
+def stack(panel, sites):
     panel.sql("UPDATE hosting SET miva = 'true'")
     panel.sql("UPDATE subdomains SET miva = 'true'")
-    check.rebuild(panel)
+    panel.run("--reconfigure-all", "-v", "-w")
     directories = [HTTPD_VHOSTS_D, SERVER_FILE.parent.parent]
     for directory in directories:
         refuse_overlays_over(directory)
@@ -664,3 +790,13 @@ def test_where_overlays_are_refused_a_copy_in_memory_serves_as_well(panel, stack
     subprocess.run(["git", "apply", "-p1", "-"], cwd="/", input=diff, check=True)
     assert check.findings(panel) == []
     assert "vhost.conf" in (cafe.directory / INCLUDE).read_text()
+
+
+def test_copy_in_memory_follows_links_as_the_machine_does(panel, stacked_with_links):
+    assert [row[:2] for row in check.findings(panel)] == [("blocked", "file.test")]
+    for name in ("beside.test", "far.test"):
+        append(HTTPD_VHOSTS_D / name / INCLUDE)
+    before = check.live_tree(), check.mounts()
+    assert [row[:2] for row in check.findings(panel)] == [
+        ("blocked", "file.test"), ("stale", "beside.test"), ("stale", "far.test")]
+    assert (check.live_tree(), check.mounts()) == before

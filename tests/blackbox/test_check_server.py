@@ -330,8 +330,9 @@ def test_real_server_sees_new_domains_where_they_would_be(panel):
 
 @pytest.mark.parametrize("script, words", [
     ("exec sleep 600", "did not answer within ten seconds and was not waited for"),
-    ("sleep 600 & exec sleep 600", "did not answer within ten seconds and was not waited for"),
+    ("sleep 600 & exec yes", "did not answer within ten seconds and was not waited for"),
     ("echo usage: httpd -V; exit 1", "cannot be asked about the configuration: usage: httpd -V"),
+    ("echo 'Usage: httpd -V'; exit 1", "cannot be asked about the configuration: Usage: httpd -V"),
     ("kill -9 $$", "cannot be asked about the configuration"),
 ])
 def test_server_that_cannot_be_asked_is_no_finding_but_said(panel, script, words):
@@ -341,6 +342,59 @@ def test_server_that_cannot_be_asked_is_no_finding_but_said(panel, script, words
     assert (result.status, result.out) == (0, "2 domains: nothing found\n")
     assert result.err.startswith(f"halyard-check: {APACHE} {words}") and result.err.count("\n") == 1
     assert not [comm for comm in pathlib.Path("/proc").glob("[0-9]*/cmdline") if b"sleep\x00600" in comm.read_bytes()]
+
+
+def test_server_that_cannot_be_started_any_more_is_no_finding_but_said(panel):
+    check.clean(panel)
+    stand_in = APACHE.rename(APACHE.with_name("stand-in"))
+    APACHE.write_text(f"#!/bin/bash\nchmod a-x {HTTPD_CONF_D}/start\nexec {stand_in} -V\n")
+    APACHE.chmod(0o755)
+    # Its interpreter is gone when it is asked for the second time.
+    shutil.copy("/bin/bash", HTTPD_CONF_D / "start")
+    APACHE.write_text(APACHE.read_text().replace("/bin/bash", f"{HTTPD_CONF_D}/start"))
+    result = check.run(panel)
+    assert (result.status, result.err) == (
+        0, f"halyard-check: {APACHE} cannot be asked about the configuration: {APACHE}: Permission denied\n")
+
+
+def test_server_that_ends_who_asks_it_is_no_finding_but_said(panel):
+    check.clean(panel)
+    install_server(panel, "kill -9 $PPID; exec sleep 600")
+    result = check.run(panel)
+    assert (result.status, result.out, result.err) == (
+        0, "2 domains: nothing found\n", "halyard-check: ended by a signal: Killed\n")
+
+
+def test_server_that_says_very_much_is_quoted_in_part(panel):
+    check.clean(panel)
+    install_server(panel, "yes 'broken line' | head -c 100000; exit 1")
+    found = check.only_finding(panel)
+    assert found.kind == "refused" and found.message.startswith("broken line; broken line; ")
+    assert len(found.message) < 6000
+
+
+def start_as(path, *args):
+    """A process from a program of this path that waits."""
+    shutil.copy("/usr/bin/sleep", path)
+    process = subprocess.Popen([path, "600", *args])
+    wait_until(lambda: os.readlink(f"/proc/{process.pid}/exe") == str(path))
+    return process
+
+
+def test_program_of_the_running_server_is_asked_as_long_as_it_is_there(panel, tmp_path):
+    check.clean(panel)
+    install_server(panel, "echo the installed one; exit 1")
+    path = tmp_path / "httpd2-prefork"
+    server = start_as(path)
+    try:
+        assert check.only_finding(panel).message.startswith(f"{path}: invalid option -- 't'")
+        path.chmod(0o644)
+        assert check.only_finding(panel).message == "the installed one"
+        path.unlink()
+        assert check.only_finding(panel).message == "the installed one"
+    finally:
+        server.kill()
+        server.wait()
 
 
 def test_server_without_a_configuration_file_is_no_finding_but_said(panel):
@@ -354,11 +408,11 @@ def test_server_without_a_configuration_file_is_no_finding_but_said(panel):
 def test_server_is_asked_with_the_definitions_of_the_running_one(panel, tmp_path):
     check.clean(panel)
     install_server(panel, f'echo "$*" >{HTTPD_CONF_D}/asked 2>/dev/null; echo "$*"; exit 1')
-    server = subprocess.Popen(["bash", "-c", 'exec -a httpd2-prefork bash -c "sleep 600; :" x -D SSL -DMORE -f /evil -k start'])
+    server = subprocess.Popen(["bash", "-c", 'exec -a httpd2-prefork bash -c "sleep 600; :" x -D SSL -DMORE -f /evil -k start -D'])
     try:
         wait_until(lambda: b"httpd2-prefork" in pathlib.Path(f"/proc/{server.pid}/cmdline").read_bytes().split(b"\0")[0])
         found = check.only_finding(panel)
-        assert found.message == f"-t -f {HTTPD_CONF_D}/httpd.conf -D SSL -DMORE"
+        assert found.message == f"-t -f {HTTPD_CONF_D}/httpd.conf -D SSL -DMORE -D"
         assert not (HTTPD_CONF_D / "asked").exists()
     finally:
         subprocess.run(["pkill", "-KILL", "-P", str(server.pid)], check=False)

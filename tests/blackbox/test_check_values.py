@@ -64,7 +64,7 @@ def suspicious(panel):
 
 def test_plain_values_are_not_suspicious(panel):
     fill(panel)
-    panel.misc("apache_allowoverride_default", "AuthConfig fileinfo Options=Indexes LIMIT")
+    panel.misc("apache_allowoverride_default", " AuthConfig  fileinfo\tOptions=Indexes LIMIT ")
     panel.sql("UPDATE hosting SET traffic_bandwidth = '2147483647', max_connection = '0'")
     panel.sql("UPDATE protected_dirs SET realm = 'Bob''s own (and others'') place', path = '/a.b/~c/..d'")
     panel.sql("UPDATE clients SET email = 'o''brien@example.test'")
