@@ -1,5 +1,5 @@
-// Linked into programs with coverage counters: has them written by children that end by _exit, abort or becoming another
-// program, and where the program itself could write nothing: in a read-only view, as another user, at its limits.
+// Linked into programs with coverage counters: has them written by children that end by _exit, abort, a failed assertion
+// or becoming another program, and where the program itself could write nothing: in a read-only view, as another user, at its limits.
 
 #include <algorithm>
 #include <cerrno>
@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +19,8 @@ void __gcov_reset();
 [[noreturn]] void __wrap__exit(int status);
 [[noreturn]] void __real_abort();
 [[noreturn]] void __wrap_abort();
+[[noreturn]] void __real___assert_fail(const char *text, const char *file, unsigned line, const char *function);
+[[noreturn]] void __wrap___assert_fail(const char *text, const char *file, unsigned line, const char *function);
 int __real_close_range(unsigned first, unsigned last, int flags);
 int __wrap_close_range(unsigned first, unsigned last, int flags);
 int __wrap___gcov_execv(const char *path, char *const *arguments);
@@ -47,6 +50,21 @@ bool written = false;
   std::snprintf(given_prefix, sizeof given_prefix, "%s", given != nullptr ? given : "");
 }
 
+// A limit as high as may be, to the end of the scope.
+struct lifted_limit {
+  explicit lifted_limit(__rlimit_resource what) : resource(what) {
+    getrlimit(resource, &before);
+    const rlimit highest{before.rlim_max, before.rlim_max};
+    setrlimit(resource, &highest);
+  }
+  ~lifted_limit() { setrlimit(resource, &before); }
+  lifted_limit(const lifted_limit &) = delete;
+  lifted_limit &operator=(const lifted_limit &) = delete;
+
+  __rlimit_resource resource;
+  rlimit before = {};
+};
+
 void write_counters() {
   if (written)
     return;
@@ -55,10 +73,9 @@ void write_counters() {
     fail_allocations_of(0);
     fail_allocation(0);
   }
-  rlimit file_size;
-  getrlimit(RLIMIT_FSIZE, &file_size);
-  const rlimit highest{file_size.rlim_max, file_size.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &highest);
+  const lifted_limit file_size(RLIMIT_FSIZE);
+  const lifted_limit descriptors(RLIMIT_NOFILE);
+  prctl(PR_SET_DUMPABLE, 1); // or a process that has become another user cannot look at its own descriptors
   const mode_t mask = umask(0); // processes of other users add to the same files
   char prefix[PATH_MAX + 32];
   std::snprintf(prefix, sizeof prefix, "/proc/self/fd/%u/%s", root, given_prefix);
@@ -70,7 +87,6 @@ void write_counters() {
   else
     setenv("GCOV_PREFIX", given_prefix, 1);
   umask(mask);
-  setrlimit(RLIMIT_FSIZE, &file_size);
 }
 
 [[gnu::destructor]] void write_counters_at_exit() {
@@ -87,6 +103,11 @@ void __wrap__exit(int status) {
 void __wrap_abort() {
   write_counters();
   __real_abort();
+}
+
+void __wrap___assert_fail(const char *text, const char *file, unsigned line, const char *function) {
+  write_counters();
+  __real___assert_fail(text, file, line, function);
 }
 
 int __wrap_close_range(unsigned first, unsigned last, int flags) {
