@@ -16,15 +16,8 @@
 #include "service/restart.h"
 #include "service/sem.h"
 
-#include <cerrno>
-#include <cstring>
 #include <new>
 #include <unistd.h>
-
-// Memory that C++ asks for ends the run as all other memory does.
-static void out_of_memory() {
-  end_run("Cannot allocate memory: %s", std::strerror(ENOMEM));
-}
 
 // The panel does not wait for what comes now, and nobody reads our streams any more.
 static void detach() {
@@ -35,7 +28,7 @@ static void detach() {
 }
 
 int main(int argc, char **argv) {
-  std::set_new_handler(out_of_memory);
+  std::set_new_handler(end_run_out_of_memory);
   mend_inheritance();
   PROGNAME = argv[0];
   command_line &line = parse_command_line(argc, argv);

@@ -95,8 +95,7 @@ int is_component_installed(const char *package) {
   const unique_result result = db_select(db.get(), query.c_str());
   if (!result)
     report_failure(0, 0, "Unable to query component %s: %s", package, mysql_error(db.get()));
-  if (!result || mysql_num_rows(result.get()) != 1)
-    return 0;
-  MYSQL_ROW row = mysql_fetch_row(result.get());
+  const bool is_known = result && mysql_num_rows(result.get()) == 1;
+  MYSQL_ROW row = is_known ? mysql_fetch_row(result.get()) : nullptr;
   return row != nullptr && row[0] != nullptr && std::strncmp(row[0], "not_installed", 13) != 0 ? 1 : 0;
 }

@@ -127,13 +127,13 @@ constexpr long_options make_long_options() {
 }
 constexpr long_options LONG_OPTIONS = make_long_options();
 
-// The table row that getopt_long's answer stands for, or one past the last; `index` is what it said of a long
-// option.
+// The table row that getopt_long's answer stands for; `index` is what it said of a long option. Every letter that
+// it knows has a row.
 std::size_t row_of(int answer, int index) {
   if (answer == 0)
     return static_cast<std::size_t>(index);
   std::size_t row = 0;
-  while (row < OPTIONS.size() && OPTIONS[row].letter != answer)
+  while (OPTIONS[row].letter != answer)
     ++row;
   return row;
 }
@@ -168,8 +168,7 @@ command_line &parse_command_line(int argc, char **argv) {
   while ((answer = getopt_long(argc, argv, SHORT_OPTIONS, LONG_OPTIONS.data(), &index)) != -1) {
     if (answer == '?')
       end_run("Unknown option in command string, see log for details");
-    if (const std::size_t row = row_of(answer, index); row < OPTIONS.size())
-      apply(line, row, optarg);
+    apply(line, row_of(answer, index), optarg);
   }
   if (optind != argc)
     end_run("Some parameters in command string leave unprocessed. Check parameters please.");

@@ -100,9 +100,13 @@ int report_failure(int exit_status, int /*reserved*/, const char *format, ...) {
 void end_run(const char *format, ...) {
   va_list args;
   va_start(args, format);
-  vreport_failure(1, format, args);
+  vreport_failure(0, format, args);
   va_end(args);
   std::exit(1);
+}
+
+void end_run_out_of_memory() {
+  end_run("Cannot allocate memory: %s", std::strerror(ENOMEM));
 }
 
 void report_to_system_log() {

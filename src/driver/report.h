@@ -19,8 +19,11 @@ using unique_text = std::unique_ptr<char, free_text>;
 // was unless the streams fail; any other ends the process with that status. `reserved` has no effect.
 [[gnu::format(printf, 3, 4)]] int report_failure(int exit_status, int reserved, const char *format, ...);
 
-// report_failure with exit status 1, for the compiler to know that nothing comes after it.
+// report_failure and the end of the process with status 1, for the compiler to know that nothing comes after it.
 [[noreturn, gnu::format(printf, 1, 2)]] void end_run(const char *format, ...);
+
+// What `new` calls when memory is out: ends the run as all other memory does. For std::set_new_handler.
+void end_run_out_of_memory();
 
 // Writes `text`, prefixed with the program's base name and ": ", to standard error and then to standard
 // output, ending each with a newline if the text has none. Returns 0, or ends the process when `exit_status`

@@ -131,15 +131,13 @@ void get_apache_path(char **magic, int *version, int *minor) {
 
 const char *apache_conf_file() {
   enter_configuration_directory();
-  for (const char *name : {"httpd.conf", "httpsd.conf", "apache.conf", "httpd2.conf"})
-    switch (look_for(name)) {
-    case presence::absent:
-      break;
-    case presence::there:
-      return name;
-    case presence::unknown:
+  for (const char *name : {"httpd.conf", "httpsd.conf", "apache.conf", "httpd2.conf"}) {
+    const presence found = look_for(name);
+    if (found == presence::unknown)
       end_run("Unable to look for %s/%s: %s\n", HTTPD_CONF_D, name, std::strerror(errno));
-    }
+    if (found == presence::there)
+      return name;
+  }
   end_run("No apache configuration file found in %s", HTTPD_CONF_D);
 }
 

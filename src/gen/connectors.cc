@@ -41,15 +41,11 @@ void print_jk_connector(FILE *out, MYSQL *db) {
   const char *setting = get_misc_param("warp_connector_port", db);
   const bounded_text port("%s", !is_empty(setting) ? setting : DEFAULT_WARP_PORT);
   const bounded_text workers_file("%s/%s", HTTPD_CONF_D, "workers.properties");
-  switch (look_for(workers_file.c_str())) {
-  case presence::absent:
-    create_workers_file(workers_file.c_str(), port.c_str());
-    break;
-  case presence::there:
-    break;
-  case presence::unknown:
+  const presence found = look_for(workers_file.c_str());
+  if (found == presence::unknown)
     end_run("Unable to look for %s: %s\n", workers_file.c_str(), std::strerror(errno));
-  }
+  if (found == presence::absent)
+    create_workers_file(workers_file.c_str(), port.c_str());
 
   fprintf(out, "<IfModule mod_jk.c>\n");
   fprintf(out, "\tJkWorkersFile %s\n", workers_file.c_str());

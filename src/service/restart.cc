@@ -11,6 +11,7 @@
 #include "service/sem.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -29,7 +30,7 @@ constexpr long LONGEST_WAIT = 7L * 86400;
 constexpr std::size_t LONGEST_NUMBER = 64;
 
 bool is_digit(char c) {
-  return c >= '0' && c <= '9';
+  return std::isdigit(static_cast<unsigned char>(c)) != 0;
 }
 
 // Whether the text is a decimal number, blanks around it, a sign and a fraction allowed: something that can

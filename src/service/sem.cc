@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <string>
 #include <unistd.h>
 
 namespace {
@@ -19,9 +18,8 @@ int open_sem_file(const char *path) {
   return open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
 }
 
-int make_directory_of(const char *path) {
-  const char *slash = std::strrchr(path, '/');
-  return slash != nullptr ? mkdir_with_parents(std::string(path, slash), 0755) : 0;
+int make_directory() {
+  return mkdir_with_parents(bounded_text("%s/var", PRODUCT_ROOT_D).c_str(), 0755);
 }
 
 // One request for the byte, again after every interruption. Returns fcntl's result.
@@ -51,7 +49,7 @@ void require_not_negative(const char *function, long semnum) {
 void open_sem() {
   const bounded_text path("%s/var/utilities.sem", PRODUCT_ROOT_D);
   sem_fd = open_sem_file(path.c_str());
-  if (sem_fd < 0 && errno == ENOENT && make_directory_of(path.c_str()) == 0)
+  if (sem_fd < 0 && errno == ENOENT && make_directory() == 0)
     sem_fd = open_sem_file(path.c_str());
   if (sem_fd < 0)
     end_run("failed to open semaphore file %s: %s", path.c_str(), std::strerror(errno));

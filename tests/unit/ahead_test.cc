@@ -1,5 +1,6 @@
 #include "db/connection.h"
 #include "db/query.h"
+#include "gen/domain_query.h"
 
 #include "support_database.h"
 
@@ -106,6 +107,32 @@ TEST_F(ahead, dropped_statements_of_a_lost_session_are_none_of_the_next) {
   db_drop_ahead(db);
   db_reconnect_if_lost(db);
   EXPECT_EQ(selected(db, "SELECT 'wanted'"), "wanted");
+}
+
+TEST_F(ahead, session_that_breaks_while_statements_are_dropped_is_left_alone) {
+  EXPECT_TRUE(quiet(run_in_child([] {
+    const admin_connection db;
+    db_send_ahead(db, "SELECT SLEEP(20)");
+    db_send_ahead(db, "SELECT 1");
+    static_cast<MYSQL *>(db)->net.last_errno = 2027; // CR_MALFORMED_PACKET
+    db_drop_ahead(db);
+    return mysql_errno(db) == 2027 ? 0 : 1;
+  })));
+}
+
+TEST_F(ahead, name_of_a_domain_that_is_too_long_for_its_statement_sends_none) {
+  const admin_connection db;
+  const statement_log log;
+  const std::string select = "SELECT ";
+  const auto statement_of = [&](std::size_t length) {
+    send_by_domain_name_ahead(db, select.c_str(), std::string(length, 'd').c_str());
+  };
+  statement_of(4095 - select.size() - 2); // with the two quotes it cannot be told from one that is cut
+  EXPECT_EQ(log.statements().size(), 0U);
+  statement_of(4095 - select.size() - 3);
+  db_drop_ahead(db);
+  EXPECT_EQ(log.statements(),
+            std::vector<std::string>{select + "'" + std::string(4095 - select.size() - 3, 'd') + "'"});
 }
 
 TEST_F(ahead, statement_out_of_turn_aborts) {

@@ -1,14 +1,17 @@
 #include "fs/atomic.h"
 
 #include "support.h"
+#include "support_faults.h"
 
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +22,7 @@ bool close_fails = false;
 bool sync_fails = false;
 std::string watched_while_synced; // what it holds then is printed
 bool writes_are_short = false;
+const std::vector<unsigned long> *room = nullptr; // that fstatvfs tells, or none when it fails
 
 // A directory with the source and, if its content is given, the destination.
 struct copy : testing::Test {
@@ -573,6 +577,57 @@ TEST_F(batch, content_that_cannot_be_made_durable_ends_the_run_with_all_files_ol
   EXPECT_EQ(entries(directory.path).size(), 1U + 2U); // and what the first has left
 }
 
+TEST_F(batch, file_whose_file_system_nobody_can_tell_ends_the_run_with_all_files_old) {
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         write(first, "new");
+                         fail_call("fstat", 1, EIO);
+                         install_batch();
+                       }),
+                       1,
+                       "copy_file_atomic(" + first + ".new -> " + first +
+                           "): flush failed\nSystem error 5: Input/output error\n"));
+  EXPECT_FALSE(exists(first));
+}
+
+TEST_F(batch, file_that_gets_lost_on_closing_ends_the_run) {
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         write(first, "new");
+                         close_fails = true;
+                         install_batch();
+                       }),
+                       1,
+                       "copy_file_atomic(" + first + ".new -> " + first +
+                           "): flush failed\nSystem error 5: Input/output error\n"));
+  EXPECT_FALSE(exists(first));
+}
+
+// Plenty is 64 mebibytes and, where files are counted, 1024 of them.
+TEST_F(batch, file_is_in_place_at_once_where_room_may_be_scarce) {
+  constexpr unsigned long PLENTY = 64UL << 20;
+  const struct {
+    const char *what;
+    std::vector<unsigned long>
+        room; // size of a block, free blocks, files, free files; none when nobody can tell
+    bool at_once;
+  } cases[] = {
+      {"plenty", {4096, PLENTY / 4096, 100000, 1024}, false},
+      {"a block too few", {4096, PLENTY / 4096 - 1, 100000, 50000}, true},
+      {"a file too few", {4096, PLENTY, 100000, 1023}, true},
+      {"no count of files", {4096, PLENTY, 0, 0}, false},
+      {"no size of blocks", {0, PLENTY, 100000, 50000}, false},
+      {"nobody can tell", {}, true},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    unlink(first.c_str());
+    EXPECT_TRUE(quiet(run_in_child([&] {
+      room = &c.room;
+      write(first, "text");
+      return exists(first) == c.at_once ? 0 : 1;
+    })));
+  }
+}
+
 TEST_F(batch, what_fails_at_the_end_of_a_run_is_reported_too) {
   EXPECT_TRUE(reported(run_in_child([this] {
                          write(first, "new");
@@ -589,6 +644,22 @@ extern "C" int close(int fd) {
     return -1;
   }
   return static_cast<int>(syscall(SYS_close, fd));
+}
+
+extern "C" int fstatvfs(int fd, struct statvfs *disk) noexcept {
+  static const auto system_fstatvfs =
+      reinterpret_cast<int (*)(int, struct statvfs *)>(dlsym(RTLD_NEXT, "fstatvfs"));
+  if (room == nullptr)
+    return system_fstatvfs(fd, disk);
+  if (room->empty()) {
+    errno = EIO;
+    return -1;
+  }
+  disk->f_frsize = room->at(0);
+  disk->f_bfree = room->at(1);
+  disk->f_files = room->at(2);
+  disk->f_ffree = room->at(3);
+  return 0;
 }
 
 extern "C" ssize_t write(int fd, const void *data, std::size_t size) {

@@ -1,6 +1,7 @@
 #include "env/config.h"
 
 #include "support.h"
+#include "support_faults.h"
 
 #include <cstdio>
 #include <cstring>
@@ -324,6 +325,25 @@ TEST_F(config, directory_in_place_of_the_file_ends_the_run_naming_the_first_key)
                        "Error: PRODUCT_ROOT_D not defined\n"
                        "\n"
                        "System error 21: Is a directory\n"));
+}
+
+TEST_F(config, certificates_have_no_directory_when_memory_for_its_name_is_out) {
+  write_file(CONFIG_FILE, config_without(""));
+  const outcome run = run_in_child([] {
+    conf_lookup("PRODUCT_ROOT_D");
+    fail_allocation(1);
+    load_product_config();
+    return allocation_has_failed() && PRODUCT_ROOT_D != nullptr && CERTIFICATES_D == nullptr ? 0 : 1;
+  });
+  EXPECT_TRUE(quiet(run));
+}
+
+TEST_F(config, file_whose_size_nobody_can_tell_holds_nothing_and_is_tried_again) {
+  write_file(CONFIG_FILE, config_without(""));
+  EXPECT_TRUE(quiet(run_in_child([] {
+    fail_call("fstat", 1, EIO);
+    return conf_lookup("PRODUCT_ROOT_D") == nullptr && conf_lookup("PRODUCT_ROOT_D") != nullptr ? 0 : 1;
+  })));
 }
 
 TEST_F(config, loading_happens_once) {

@@ -152,6 +152,10 @@ TEST_F(admin_password, without_a_final_newline_is_the_whole_line) {
   EXPECT_EQ(first_line_as_password("secret"), "secret");
 }
 
+TEST_F(admin_password, that_begins_with_a_zero_byte_is_empty) {
+  EXPECT_EQ(first_line_as_password(std::string("\0\n", 2)), "");
+}
+
 TEST_F(admin_password, of_120_characters_is_cut_to_99) {
   const std::string line = std::string(99, 'p') + std::string(21, 'q');
   EXPECT_EQ(first_line_as_password(line + "\n"), std::string(99, 'p'));
@@ -564,6 +568,22 @@ TEST_F(lost_session, without_a_server_is_reported_once_and_the_next_statement_fa
   EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(run.err.starts_with("Unable to connect to Quarry Database: Can't connect to local")) << run.err;
   EXPECT_EQ(run.out, run.err + "0 " + GONE);
+}
+
+TEST_F(lost_session, without_a_password_for_a_new_one_is_reported_and_the_next_statement_fails) {
+  const kept_file shadow(SHADOW);
+  const outcome run = run_in_child([] {
+    const admin_connection db;
+    end_session(db);
+    unlink(SHADOW);
+    errno = 0;
+    db_reconnect_if_lost(db);
+    std::printf("%d %d", errno, db_execute(db, "DO 0"));
+  });
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, "Unable to open admin password file: No such file or directory\n"
+                     "System error 2: No such file or directory\n");
+  EXPECT_EQ(run.out, run.err + "0 0");
 }
 
 TEST_F(lost_session, without_memory_for_a_new_one_ends_the_run) {

@@ -3,6 +3,7 @@
 #include "env/config.h"
 #include "service/init_script.h"
 #include "support_database.h"
+#include "support_faults.h"
 #include "support_service.h"
 
 #include <csignal>
@@ -517,6 +518,27 @@ TEST_F(init_script_run, that_cannot_be_forked_for_is_reported) {
   EXPECT_TRUE(reported(run, FAILED,
                        "Fork: restart\n\n"
                        "System error 11: Resource temporarily unavailable\n"));
+  EXPECT_EQ(calls(), names{});
+}
+
+TEST_F(init_script_run, gets_standard_streams_even_from_a_caller_without) {
+  EXPECT_EQ(run_in_child([] {
+              close(STDIN_FILENO);
+              close(STDOUT_FILENO);
+              return run_init_script(init_script("named").c_str(), "web", "start", 1) == 0 ? 7 : 8;
+            }).status,
+            7);
+  EXPECT_EQ(calls(), names{"named start"});
+}
+
+TEST_F(init_script_run, without_a_process_for_it_is_reported) {
+  EXPECT_TRUE(reported(run_in_child([] {
+                         fail_call("fork", 1, ENOMEM);
+                         return run_init_script(init_script("named").c_str(), "web", "restart", 1);
+                       }),
+                       FAILED,
+                       "Fork: restart\n\n"
+                       "System error 12: Cannot allocate memory\n"));
   EXPECT_EQ(calls(), names{});
 }
 

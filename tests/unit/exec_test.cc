@@ -2,12 +2,14 @@
 
 #include "proc/inheritance.h"
 #include "support.h"
+#include "support_faults.h"
 
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/syscall.h>
@@ -220,6 +222,15 @@ TEST(choices, descriptor_that_is_not_open_ends_the_child_with_255) {
   }
 }
 
+TEST(choices, dev_null_takes_the_place_of_a_standard_descriptor_that_is_closed) {
+  const outcome run = run_in_child([] {
+    close(STDIN_FILENO);
+    return exit_code_with_choices(TO_DEV_NULL, 1, 2, "readlink /proc/$$/fd/0");
+  });
+  EXPECT_EQ(run.out, "/dev/null\n");
+  EXPECT_EQ(run.status, 0);
+}
+
 TEST(choices, dev_null_that_cannot_be_opened_ends_the_child_with_255) {
   const outcome run = run_in_child([] {
     allow_no_descriptor();
@@ -244,6 +255,17 @@ TEST(execution, child_has_no_other_descriptor_on_an_older_kernel_either) {
     open_many_descriptors();
     set_limit(RLIMIT_NOFILE, 500); // which does not close those above
     close_range_error = ENOSYS;
+    return exit_code_with_choices(0, 1, 2, LIST_DESCRIPTORS);
+  });
+  EXPECT_EQ(run.out, "0\n1\n2\n");
+  EXPECT_EQ(run.status, 0);
+}
+
+TEST(execution, child_has_no_other_descriptor_where_nobody_can_list_them) {
+  const outcome run = run_in_child([] {
+    open_many_descriptors();
+    close_range_error = ENOSYS;
+    fail_call("opendir", 1, ENOENT);
     return exit_code_with_choices(0, 1, 2, LIST_DESCRIPTORS);
   });
   EXPECT_EQ(run.out, "0\n1\n2\n");
@@ -469,6 +491,22 @@ TEST(capture, last_output_of_a_child_that_ends_before_it_is_seen_is_not_lost) {
             "3 [" + std::string(20000, 'x') + "]");
   EXPECT_EQ(captured("echo x; sleep 300 2>/dev/null & exit 3").out, "3 [x\n]");
   EXPECT_EQ(util_captured("head -c 20000 /dev/zero | tr '\\0' x").out, "0 [" + std::string(20000, 'x') + "]");
+  select_times_out = false;
+}
+
+TEST(capture, last_output_that_cannot_be_read_is_lost_but_not_the_exit_code) {
+  select_times_out = true;
+  const auto result_where = [](const std::function<void()> &something_fails) {
+    return run_in_child([&] {
+             something_fails();
+             unique_text out;
+             const int result = fork_execl_getouterr(out, SHELL, SHELL, "-c", "echo x; exit 3", nullptr);
+             std::printf("%d %s", result, out ? out.get() : "null");
+           })
+        .out;
+  };
+  EXPECT_EQ(result_where([] { fail_call("ioctl", 1, EIO); }), "3 null");
+  EXPECT_EQ(result_where([] { fail_reads(1, EIO); }), "3 null");
   select_times_out = false;
 }
 

@@ -441,6 +441,16 @@ TEST_F(service_status, is_minus_one_after_a_report_when_the_query_fails_and_an_o
                    "-1, 1 open"));
 }
 
+TEST_F(service_status, leaves_the_connection_of_every_query_that_fails_open) {
+  const missing_table services("DomainServices");
+  const outcome run = run_in_child([] {
+    get_service_status("1", "tomcat", nullptr);
+    get_service_status("2", "tomcat", nullptr);
+    return connections_settled_at(2);
+  });
+  EXPECT_EQ(run.status, 2);
+}
+
 TEST_F(service_status, is_minus_one_after_reports_when_no_connection_can_be_had) {
   const wrong_password wrong;
   const outcome run = run_in_child([] { std::printf("%d", get_service_status("1", "tomcat", nullptr)); });

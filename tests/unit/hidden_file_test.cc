@@ -2,14 +2,17 @@
 
 #include "env/config.h"
 #include "gen/connectors.h"
+#include "proc/exec.h"
 #include "support.h"
 #include "support_database.h"
+#include "support_faults.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -17,12 +20,12 @@
 
 namespace {
 
-bool knows_nameless_files = true;
+int nameless_file_error = 0; // what asking for one gives; 0 on a file system that knows them
 
 // The file "port" in a directory of its own, on a file system with and one without files that have no name.
-struct file : testing::TestWithParam<bool> {
-  file() { knows_nameless_files = GetParam(); }
-  ~file() override { knows_nameless_files = true; }
+struct file : testing::TestWithParam<int> {
+  file() { nameless_file_error = GetParam(); }
+  ~file() override { nameless_file_error = 0; }
 
   // Makes the file as a whole; what the child prints and reports says how far it came.
   outcome make(mode_t mask = 022) const {
@@ -107,8 +110,79 @@ TEST_P(file, that_does_not_fit_on_the_disk_is_gone) {
   EXPECT_EQ(entries(directory.path), std::vector<std::string>{"ballast"});
 }
 
-INSTANTIATE_TEST_SUITE_P(hidden, file, testing::Bool(),
-                         [](const auto &kind) { return kind.param ? "without_a_name" : "with_a_name"; });
+TEST_P(file, may_have_a_name_in_the_current_directory) {
+  EXPECT_EQ(run_in_child([this] {
+              if (chdir(directory.path.c_str()) != 0)
+                std::abort();
+              hidden_file made = open_hidden_file("port");
+              std::fputs("9008\n", made.out.get());
+              return close_hidden_file(made) == 0 && reveal_hidden_file(std::move(made)) == 0 ? 7 : 8;
+            }).status,
+            7);
+  EXPECT_EQ(read_file(path), "9008\n");
+  EXPECT_EQ(entries(directory.path), std::vector<std::string>{"port"});
+}
+
+TEST_P(file, without_a_descriptor_for_its_stream_is_gone) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    close_descriptors_from(3);
+    set_limit(RLIMIT_NOFILE, 4);
+    const hidden_file made = open_hidden_file(path.c_str());
+    return !made.out && errno == EMFILE ? 0 : 1;
+  })));
+  EXPECT_EQ(entries(directory.path), std::vector<std::string>{});
+}
+
+TEST_P(file, that_cannot_get_its_name_is_gone) {
+  make_directories(directory / "below");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    hidden_file made = open_hidden_file((directory / "below/port").c_str());
+    if (close_hidden_file(made) != 0 ||
+        rename((directory / "below").c_str(), (directory / "moved").c_str()) != 0)
+      std::abort();
+    return reveal_hidden_file(std::move(made)) == -1 && errno == ENOENT ? 0 : 1;
+  })));
+}
+
+INSTANTIATE_TEST_SUITE_P(hidden, file, testing::Values(0, EOPNOTSUPP, EISDIR, EINVAL), [](const auto &kind) {
+  return kind.param == 0 ? std::string("without_a_name")
+                         : std::string("with_a_name_for_error_") + std::to_string(kind.param);
+});
+
+struct nameless_file : testing::Test {
+  // Makes the file without the right to name a descriptor directly, which leaves the way by /proc.
+  outcome make_unprivileged() const {
+    return run_in_child([this] {
+      hidden_file made = open_hidden_file(path.c_str());
+      std::fputs("9008\n", made.out.get());
+      if (close_hidden_file(made) != 0)
+        std::abort();
+      drop_capability(CAP_DAC_READ_SEARCH);
+      errno = 0;
+      const int result = reveal_hidden_file(std::move(made));
+      std::printf("%d %d", result, errno);
+    });
+  }
+
+  const temporary_directory directory;
+  const std::string path = directory / "port";
+};
+
+TEST_F(nameless_file, gets_its_name_without_a_capability_too) {
+  EXPECT_EQ(make_unprivileged().out, "0 0");
+  EXPECT_EQ(read_file(path), "9008\n");
+}
+
+TEST_F(nameless_file, whose_name_may_not_be_given_is_a_failure) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    hidden_file made = open_hidden_file(path.c_str());
+    if (close_hidden_file(made) != 0)
+      std::abort();
+    fail_call("linkat", 1, EPERM);
+    return reveal_hidden_file(std::move(made)) == -1 && errno == EPERM ? 0 : 1;
+  })));
+  EXPECT_EQ(entries(directory.path), std::vector<std::string>{});
+}
 
 // The one that is made so.
 
@@ -131,6 +205,25 @@ TEST_F(workers_file, of_a_run_that_is_killed_while_it_writes_is_not_there) {
   EXPECT_EQ(entries(directory.path), std::vector<std::string>{});
 }
 
+TEST_F(workers_file, that_cannot_get_its_name_ends_the_run) {
+  const temporary_directory directory;
+  HTTPD_CONF_D = directory.path.c_str();
+  EXPECT_TRUE(reported(run_in_child([] {
+                         const admin_connection db;
+                         char *text = nullptr;
+                         std::size_t size = 0;
+                         FILE *out = open_memstream(&text, &size);
+                         fail_call("linkat", 1, EDQUOT);
+                         errno = 0;
+                         print_jk_connector(out, db);
+                       }),
+                       1,
+                       "Unable to open file " + directory.path +
+                           "/workers.properties for writing: Disk quota exceeded\n"
+                           "\nSystem error 122: Disk quota exceeded\n"));
+  EXPECT_EQ(entries(directory.path), std::vector<std::string>{});
+}
+
 } // namespace
 
 // The system's own, on a file system of the kind that a test asks for.
@@ -139,8 +232,8 @@ extern "C" int open(const char *path, int flags, ...) {
   va_start(args, flags);
   const mode_t mode = (flags & (O_CREAT | __O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
   va_end(args);
-  if ((flags & O_TMPFILE) == O_TMPFILE && !knows_nameless_files) {
-    errno = EOPNOTSUPP;
+  if ((flags & O_TMPFILE) == O_TMPFILE && nameless_file_error != 0) {
+    errno = nameless_file_error;
     return -1;
   }
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));

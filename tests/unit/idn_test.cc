@@ -2,6 +2,7 @@
 
 #include "support.h"
 
+#include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
 #include <regex.h>
@@ -10,6 +11,7 @@ namespace {
 
 // What the libraries are made to answer in place of their own work; 0 leaves them alone.
 int conversion_result = 0;
+int conversion_error = 0; // errno, besides
 bool expression_does_not_compile = false;
 bool host_is_not_matched = false;
 
@@ -22,6 +24,8 @@ template <typename Function> Function *of_the_library(const char *name) {
 // The libraries' functions as the program calls them, in front of the real ones.
 
 extern "C" int idna_to_ascii_8z(const char *input, char **output, int flags) {
+  if (conversion_error != 0)
+    errno = conversion_error;
   if (conversion_result != 0)
     return conversion_result;
   return of_the_library<int(const char *, char **, int)>("idna_to_ascii_8z")(input, output, flags);
@@ -45,7 +49,7 @@ namespace {
 
 struct name_conversion : testing::Test {
   ~name_conversion() override {
-    conversion_result = 0;
+    conversion_result = conversion_error = 0;
     expression_does_not_compile = host_is_not_matched = false;
     idn_last_error = 0;
   }
@@ -155,6 +159,15 @@ TEST_F(name_conversion, that_succeeds_keeps_the_code_of_the_last_failure) {
   EXPECT_EQ(safe_ascii("example.com"), "example.com");
   EXPECT_EQ(url("http://example.com/"), "http://example.com/");
   EXPECT_EQ(idn_last_error, 5);
+}
+
+TEST_F(name_conversion, leaves_errno_as_the_library_alone_does) {
+  errno = ELOOP;
+  EXPECT_TRUE(idn_toascii("example.com"));
+  EXPECT_EQ(errno, ELOOP);
+  conversion_error = EILSEQ;
+  EXPECT_TRUE(idn_toascii("example.com"));
+  EXPECT_EQ(errno, EILSEQ);
 }
 
 TEST_F(name_conversion, without_memory_ends_the_run) {

@@ -1,6 +1,7 @@
 #include "fs/lock.h"
 
 #include "support.h"
+#include "support_faults.h"
 
 #include <csignal>
 #include <cstdio>
@@ -306,6 +307,46 @@ TEST_F(lock, file_that_is_another_one_under_a_second_name_is_not_emptied) {
   unlink(victim.c_str());
 }
 
+TEST_F(lock, file_that_is_no_file_is_left_as_it_is) {
+  unlink(EXAMPLE_LOCK);
+  ASSERT_EQ(mkfifo(EXAMPLE_LOCK, 0644), 0);
+  unlock_file(lock_file(EXAMPLE));
+  struct stat status;
+  EXPECT_EQ(lstat(EXAMPLE_LOCK, &status), 0);
+  EXPECT_TRUE(S_ISFIFO(status.st_mode));
+  unlink(EXAMPLE_LOCK);
+}
+
+TEST_F(lock, directory_that_nobody_can_look_at_is_not_safe) {
+  EXPECT_TRUE(reported(run_in_child([] {
+                         fail_call("fstat", 1, EIO);
+                         return lock_file(EXAMPLE)->fd < 0 && errno == EPERM ? 7 : 8;
+                       }),
+                       7,
+                       "Lock directory /var/lock/files must be root's, no link, and nobody else's to write\n"
+                       "\nSystem error 1: Operation not permitted\n"));
+}
+
+TEST_F(lock, file_that_cannot_be_looked_at_or_emptied_is_not_locked) {
+  const struct {
+    const char *function;
+    int number;
+  } cases[] = {{"fstat", 2}, {"ftruncate", 1}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.function);
+    write_file(EXAMPLE_LOCK, "left behind");
+    EXPECT_TRUE(reported(run_in_child([&] {
+                           fail_call(c.function, c.number, EIO);
+                           return lock_file(EXAMPLE)->fd < 0 ? 7 : 8;
+                         }),
+                         7,
+                         std::string("Unable to open file \"") + EXAMPLE_LOCK +
+                             "\": Input/output error.\n"
+                             "System error 5: Input/output error\n"));
+  }
+  unlink(EXAMPLE_LOCK);
+}
+
 TEST(lock_handle, held_means_a_descriptor_above_0) {
   EXPECT_EQ(lock_is_held(nullptr), 0);
   const struct {
@@ -587,6 +628,40 @@ TEST_F(edit, file_in_a_missing_directory_is_reported) {
                            ": No such file or directory\n"
                            "\n"
                            "System error 2: No such file or directory\n"));
+}
+
+TEST_F(edit, file_without_a_stream_is_reported_and_the_lock_released) {
+  write_file(file, "one\n");
+  EXPECT_TRUE(reported(run_in_child([this] {
+                         fail_call("fdopen", 1, ENOMEM);
+                         const char *const lines[] = {"abc", nullptr};
+                         const int result = file_str(file.c_str(), lines, EDIT_ADD, ADD_APPEND);
+                         return result == 1 && is_free(file) ? 7 : 2;
+                       }),
+                       7,
+                       "Unable to open file " + file +
+                           ": Cannot allocate memory\n"
+                           "\n"
+                           "System error 12: Cannot allocate memory\n"));
+  EXPECT_EQ(read_file(file), "one\n");
+}
+
+TEST_F(edit, two_files_that_cannot_be_looked_at_stay_locked) {
+  const std::string other = directory / "other";
+  for (const std::string &path : {file, other})
+    ASSERT_EQ(symlink(path.c_str(), path.c_str()), 0);
+  EXPECT_EQ(run_in_child([&] {
+              const char *const lines[] = {"abc", nullptr};
+              for (const std::string &path : {file, other})
+                file_str(path.c_str(), lines, EDIT_ADD, ADD_APPEND);
+              const pid_t another = fork();
+              if (another == 0)
+                _exit(is_free(file) || is_free(other) ? 8 : 7);
+              int status = 0;
+              waitpid(another, &status, 0);
+              return WEXITSTATUS(status);
+            }).status,
+            7);
 }
 
 TEST_F(edit, pipe_without_a_reader_is_reported_and_not_waited_for) {

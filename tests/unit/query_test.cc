@@ -127,6 +127,23 @@ TEST_F(broken_answer, is_not_what_a_statement_without_rows_gives) {
   EXPECT_STREQ(get_param_by_query("DO 0", nullptr, 0), "");
 }
 
+// The client library numbers its own failures from 2000 to 2999 and from 5000 to 5999.
+TEST(unusable_connection, is_one_after_a_failure_of_the_client_and_of_nothing_else) {
+  MYSQL *db = mysql_init(nullptr);
+  const struct {
+    unsigned error;
+    bool unusable;
+  } cases[] = {
+      {0, false},    {1045, false}, {1999, false}, {2000, true}, {2006, true}, {2999, true},  {3000, false},
+      {4031, false}, {4999, false}, {5000, true},  {5012, true}, {5999, true}, {6000, false},
+  };
+  for (const auto &c : cases) {
+    db->net.last_errno = c.error;
+    EXPECT_EQ(db_is_unusable(db), c.unusable) << c.error;
+  }
+  mysql_close(db);
+}
+
 // ----------------------------------------------------------------------------------------------------------- errno
 
 constexpr int EQUAL_RUNS = 25;

@@ -4,6 +4,8 @@
 
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -231,6 +233,10 @@ TEST(report, message_that_cannot_be_formatted_at_all_is_replaced_and_the_status_
                        "halyard: Can't allocate memory for error message\n"));
 }
 
+TEST(report, text_that_does_not_exist_in_the_locale_leaves_an_empty_line) {
+  EXPECT_TRUE(reported(run_in_child([] { report_failure(3, 1, "never %ls", L"\u0100"); }), 3, "\n"));
+}
+
 TEST(report, status_is_kept_when_a_stream_is_closed) {
   const outcome no_output = run_in_child([] {
     close(STDOUT_FILENO);
@@ -267,6 +273,27 @@ TEST(report, message_is_flushed_at_once) {
                        0, "text\n"));
 }
 
+TEST(output, is_written_when_all_of_it_has_reached_the_stream) {
+  EXPECT_EQ(run_in_child([] {
+              std::printf("text");
+              return output_is_written() ? 7 : 8;
+            }).status,
+            7);
+}
+
+TEST(output, that_was_lost_before_is_not_written_though_the_rest_is) {
+  EXPECT_EQ(run_in_child([] {
+              const int out = dup(STDOUT_FILENO);
+              dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+              std::printf("%s", std::string(100000, 'x').c_str());
+              std::fflush(stdout);
+              dup2(out, STDOUT_FILENO);
+              errno = 0;
+              return !output_is_written() && errno == EIO ? 7 : 8;
+            }).status,
+            7);
+}
+
 TEST(emit, text_is_printed_as_it_stands_and_without_a_system_error) {
   const program_path name("/usr/sbin/halyard");
   EXPECT_TRUE(reported(run_in_child([] {
@@ -298,6 +325,22 @@ TEST(allocation, text_that_cannot_be_made_ends_the_run) {
                        1,
                        "Cannot allocate memory: Cannot allocate memory\n"
                        "System error 12: Cannot allocate memory\n"));
+}
+
+TEST(allocation, memory_that_new_cannot_have_ends_the_run) {
+  EXPECT_TRUE(reported(run_in_child([] {
+                         std::set_new_handler(end_run_out_of_memory);
+                         fail_allocations_of(123457);
+                         const std::string text(123456, 'x');
+                         std::puts(text.c_str());
+                       }),
+                       1,
+                       "Cannot allocate memory: Cannot allocate memory\n"
+                       "System error 12: Cannot allocate memory\n"));
+}
+
+TEST(allocation, block_of_no_size_is_none_and_no_failure) {
+  EXPECT_TRUE(quiet(run_in_child([] { return xrealloc(xrealloc(nullptr, 4), 0) == nullptr ? 0 : 1; })));
 }
 
 TEST(allocation, enlarged_block_keeps_its_content) {

@@ -2,6 +2,7 @@
 
 #include "env/config.h"
 #include "support.h"
+#include "support_faults.h"
 
 #include <cerrno>
 #include <csignal>
@@ -348,6 +349,23 @@ TEST_F(lock_failure, of_a_negative_number_ends_the_run) {
                        "sem_lock() failed for semnum -3: semnum must not be negative\n"));
   EXPECT_TRUE(reported(run_in_child([] { sem_unlock(-2147483649L); }), 1,
                        "sem_unlock() failed for semnum -2147483649: semnum must not be negative\n"));
+}
+
+TEST_F(lock_failure, is_told_from_a_byte_that_is_held) {
+  for (const int error : {EACCES, EAGAIN}) // systems differ
+    EXPECT_TRUE(quiet(run_in_child([error] {
+      open_sem();
+      fail_call("fcntl", 1, error);
+      return sem_trylock(BYTE) == -1 ? 0 : 1;
+    })));
+  EXPECT_TRUE(reported(run_in_child([] {
+                         open_sem();
+                         fail_call("fcntl", 1, ENOLCK);
+                         sem_trylock(BYTE);
+                       }),
+                       1,
+                       "sem_lock() failed for semnum 2: No locks available\n"
+                       "System error 37: No locks available\n"));
 }
 
 TEST_F(lock_failure, without_an_open_file_ends_the_run) {

@@ -145,6 +145,10 @@ TEST(bounded, text_is_cut_to_4095_characters_without_a_word) {
   EXPECT_EQ(cut.c_str(), "a" + std::string(4094, 't'));
 }
 
+TEST(bounded, text_that_does_not_exist_in_the_locale_is_empty) {
+  EXPECT_STREQ(bounded_text("never %ls", L"\u0100").c_str(), "");
+}
+
 TEST(bounded, copy_is_cut_to_fit_and_always_terminated) {
   const struct {
     const char *source;

@@ -1,7 +1,9 @@
 #include "fs/tree.h"
 
 #include "support.h"
+#include "support_faults.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
@@ -26,9 +28,10 @@ int fchdirs_that_succeed = -1;  // any number
 bool closedir_fails = false;
 bool close_fails = false;
 bool readdir_fails = false;
-std::string vanishing_directory; // is gone when it is to be removed
-std::string unmade_directory;    // is gone when it was made
-std::string moving_entry;        // when it is to be removed, a directory moves
+std::string vanishing_subdirectory; // is gone when it was looked at for the first time
+std::string vanishing_directory;    // is gone when it is to be removed
+std::string unmade_directory;       // is gone when it was made
+std::string moving_entry;           // when it is to be removed, a directory moves
 std::string moved_from;
 std::string moved_to;
 
@@ -772,6 +775,144 @@ TEST_F(renaming, walk_that_cannot_begin_ends_the_run) {
                        "System error 24: Too many open files\n"));
 }
 
+// ------------------------------------------------------------------------------------------- failures on the way
+
+constexpr char NO_WAY_BACK[] = "Unable to restore & close current dir: Input/output error\n\n";
+
+TEST_F(tree, top_that_cannot_be_looked_at_ends_the_run) {
+  const std::string long_name = top + "/" + std::string(300, 'x');
+  EXPECT_TRUE(reported(run_in_child([&] { remove_tree(long_name.c_str(), true); }), 1,
+                       "Unable to check directory entry " + long_name +
+                           ": File name too long\n\nSystem error 36: File name too long\n"));
+}
+
+TEST_F(tree, path_below_a_file_is_no_tree_and_no_failure) {
+  file("plain");
+  EXPECT_TRUE(quiet(run_in_child([this] { remove_tree((top + "/plain/x").c_str(), true); })));
+  EXPECT_EQ(list(), "plain\n");
+}
+
+TEST_F(tree, directory_that_cannot_be_opened_for_reading_ends_the_run) {
+  for (const char *function : {"openat", "fstat", "fdopendir"})
+    EXPECT_TRUE(reported(run_in_child([&] {
+                           fail_call(function, 1, EIO);
+                           remove_tree(top.c_str(), true);
+                         }),
+                         1, "Unable to open dir " + top + ": Input/output error\n\n" + IO_ERROR))
+        << function;
+}
+
+TEST_F(tree, directory_that_is_gone_when_it_is_its_turn_is_no_failure) {
+  directory("a");
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    vanishing_subdirectory = "a";
+    remove_tree(top.c_str(), true);
+  })));
+  EXPECT_FALSE(exists(top));
+}
+
+// So deep that the way back is by "..".
+TEST_F(tree, way_back_that_cannot_be_opened_or_is_another_ends_the_run) {
+  std::string path = "d";
+  for (int depth = 1; depth < 20; ++depth)
+    path += "/d";
+  directory(path);
+  // The walk opens "." first; twenty-one directories are looked at on the way down.
+  const struct {
+    const char *function;
+    int number;
+  } cases[] = {{"open", 2}, {"fstat", 22}, {"fdopendir", 22}};
+  for (const auto &c : cases)
+    EXPECT_TRUE(reported(run_in_child([&] {
+                           fail_call(c.function, c.number, EIO);
+                           rename_in_tree(top.c_str(), "old", "new", true);
+                         }),
+                         1, std::string(NO_WAY_BACK) + IO_ERROR))
+        << c.function;
+}
+
+TEST_F(tree, way_back_to_a_directory_above_that_is_barred_ends_the_run) {
+  directory("a");
+  fchdirs_that_succeed = 2;
+  const outcome run = rename_all(true);
+  fchdirs_that_succeed = -1;
+  EXPECT_TRUE(reported(run, 1, std::string(NO_WAY_BACK) + IO_ERROR));
+}
+
+TEST_F(owned_directory, way_that_cannot_be_looked_at_is_not_trusted_with_links) {
+  directory("real");
+  link("linked", "real");
+  const std::string path = top + "/linked/new";
+  ASSERT_TRUE(quiet(run_in_child([&] { return mkdir_owned(path.c_str(), 0, 0, 0755); })));
+  ASSERT_EQ(rmdir(path.c_str()), 0);
+  // The last directory that is looked at before the link is the top.
+  const int looks = static_cast<int>(std::count(top.begin(), top.end(), '/')) + 1;
+  EXPECT_TRUE(reported(
+      run_in_child([&] {
+        fail_call("fstat", looks, EIO);
+        return mkdir_owned(path.c_str(), 0, 0, 0755) == -1 ? 7 : 8;
+      }),
+      7, "ERROR: Unable to mkdir " + path + ": Not a directory\n\nSystem error 20: Not a directory\n"));
+}
+
+// What mkdir_with_parents makes of a path, as "result errno".
+outcome made_with_parents(const std::string &path) {
+  return run_in_child([&] {
+    const int result = mkdir_with_parents(path, 0755);
+    std::printf("%d %d", result, errno);
+  });
+}
+
+TEST_F(tree, directory_is_made_with_its_parents_whatever_the_umask) {
+  umask(077);
+  EXPECT_EQ(made_with_parents(top + "/a/b").out.substr(0, 2), "0 ");
+  umask(022);
+  EXPECT_EQ(owner_and_mode(top + "/a"), "0:0 0755");
+  EXPECT_EQ(owner_and_mode(top + "/a/b"), "0:0 0755");
+}
+
+TEST_F(tree, directory_that_is_there_or_has_no_name_need_not_be_made) {
+  EXPECT_EQ(made_with_parents(top).out, "0 0");
+  EXPECT_EQ(made_with_parents("").out, "0 0");
+}
+
+TEST_F(tree, directory_may_be_made_in_the_current_one) {
+  EXPECT_EQ(run_in_child([this] {
+              if (chdir(top.c_str()) != 0)
+                std::abort();
+              return mkdir_with_parents("a/b", 0755) == 0 ? 7 : 8;
+            }).status,
+            7);
+  EXPECT_EQ(list(), "a/\na/b/\n");
+}
+
+TEST_F(tree, directory_is_not_made_in_place_of_a_file_or_below_one) {
+  file("plain");
+  link("dangling", "nowhere");
+  for (const char *name : {"/plain", "/plain/below", "/dangling", "/dangling/below"})
+    EXPECT_EQ(made_with_parents(top + name).out, "-1 20") << name; // ENOTDIR
+  EXPECT_EQ(list(), "dangling -> nowhere\nplain\n");
+}
+
+TEST_F(tree, directory_that_cannot_be_made_or_opened_is_a_failure) {
+  for (const char *function : {"mkdir", "open", "fchmod"})
+    EXPECT_EQ(run_in_child([&] {
+                fail_call(function, 1, EIO);
+                const int result = mkdir_with_parents(top + "/" + function + "/below", 0755);
+                std::printf("%d %d", result, errno);
+              }).out,
+              "-1 5")
+        << function;
+}
+
+TEST_F(tree, directory_that_another_utility_makes_at_the_same_time_is_fine) {
+  EXPECT_EQ(run_in_child([this] {
+              before_call("mkdir", 1, [this] { directory("a"); });
+              return mkdir_with_parents(top + "/a", 0755) == 0 ? 7 : 8;
+            }).status,
+            7);
+}
+
 TEST_F(tree, paths_are_told_apart) {
   file("file");
   link("to-directory", ".");
@@ -809,6 +950,8 @@ extern "C" int fstatat(int base, const char *path, struct stat *status, int flag
   const int result = static_cast<int>(syscall(SYS_newfstatat, base, path, status, flags));
   if (vanishing_entry == path)
     unlink(path);
+  if (vanishing_subdirectory == path)
+    rmdir(path);
   static int looks = 0;
   if (replaced_directory == path && ++looks == 2 && (rmdir(path) != 0 || symlink("../outside", path) != 0))
     std::abort();

@@ -2,9 +2,11 @@
 
 #include "env/config.h"
 #include "support.h"
+#include "support_faults.h"
 
 #include <cstdio>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <list>
@@ -13,6 +15,8 @@
 #include <unistd.h>
 
 namespace {
+
+bool directory_in_place_of_pipe = false; // at the end that is read
 
 // The places of the system's Apache, in the order in which they are tried after the product's own.
 const char *const SYSTEM_PLACES[] = {
@@ -153,6 +157,25 @@ TEST_F(discovery, first_line_of_each_kind_counts) {
 TEST_F(discovery, last_line_needs_no_newline) {
   own_apache("printf \"Server version: Apache/2.2.3\\nServer's Module Magic Number: 20051115\"\n");
   EXPECT_EQ(discover().out, "22.3 20051115");
+}
+
+TEST_F(discovery, output_that_ends_in_the_middle_of_its_last_line_ends_the_run) {
+  for (const char *output :
+       {"Server version: Apache/2.2.3", "Server built:   Nov 21 2006",
+        "Server's Module Magic Number: 20051115:3\nServer built:\nServer version: Apache/2",
+        "Server's Module Magic Number: 20051115:3\nServer version: Apache/"}) {
+    SCOPED_TRACE(output);
+    own_apache(std::string("printf \"") + output + "\"\n");
+    EXPECT_TRUE(reported(discover(), 1, NOT_FOUND));
+  }
+}
+
+TEST_F(discovery, own_apache_is_found_again) {
+  own_output("Server version: Apache/2.2.3\nServer's Module Magic Number: 20051115:3\n");
+  EXPECT_EQ(run_in_child([this] {
+              return apache_executable() == own_path && apache_executable() == own_path ? 7 : 8;
+            }).status,
+            7);
 }
 
 TEST_F(discovery, patch_level_may_be_the_last_character_of_all_or_missing) {
@@ -438,6 +461,39 @@ TEST_F(server_configuration, next_call_overwrites_the_value) {
   EXPECT_EQ(run.status, 0);
 }
 
+constexpr char NOT_PARSED[] = "Unable to parse apache config for ServerRoot\n";
+
+TEST_F(server_configuration,
+       lookup_whose_shell_is_killed_or_finds_no_program_is_reported_and_gives_an_empty_value) {
+  write_file(directory / "httpd.conf", "ServerRoot /etc/kiv-apache\n");
+  const temporary_directory programs;
+  const auto look_up_with = [&] {
+    return run_in_child([&] {
+      setenv("PATH", programs.path.c_str(), 1);
+      return apache_server_root()[0] == '\0' ? 7 : 2;
+    });
+  };
+  for (const char *name : {"cat", "egrep", "tail"})
+    write_file(programs / name, "#!/bin/sh\n", 0755);
+  outcome run = look_up_with(); // there is no awk
+  EXPECT_EQ(run.status, 7);
+  EXPECT_TRUE(run.out.ends_with(NOT_PARSED)) << run.out;
+  write_file(programs / "awk", "#!/bin/sh\nkill -KILL $PPID\n", 0755);
+  run = look_up_with();
+  EXPECT_EQ(run.status, 7);
+  EXPECT_EQ(run.out, NOT_PARSED);
+}
+
+TEST_F(server_configuration, lookup_that_cannot_be_read_is_reported_and_gives_an_empty_value) {
+  write_file(directory / "httpd.conf", "ServerRoot /etc/kiv-apache\n");
+  const outcome run = run_in_child([] {
+    directory_in_place_of_pipe = true;
+    return apache_server_root()[0] == '\0' ? 7 : 2;
+  });
+  EXPECT_EQ(run.status, 7);
+  EXPECT_EQ(run.out, std::string(NOT_PARSED) + "\nSystem error 21: Is a directory\n");
+}
+
 TEST_F(server_configuration, lookup_that_cannot_be_started_is_reported_and_gives_an_empty_value) {
   write_file(directory / "httpd.conf", "ServerRoot /etc/kiv-apache\n");
   EXPECT_TRUE(reported(run_in_child([] {
@@ -453,3 +509,13 @@ TEST_F(server_configuration, lookup_that_cannot_be_started_is_reported_and_gives
 }
 
 } // namespace
+
+// The system's own, but for what a test asks for.
+extern "C" FILE *popen(const char *command, const char *mode) {
+  static const auto system_popen =
+      reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "popen"));
+  FILE *stream = system_popen(command, mode);
+  if (stream != nullptr && directory_in_place_of_pipe)
+    dup2(open("/", O_RDONLY | O_CLOEXEC), fileno(stream));
+  return stream;
+}
