@@ -171,6 +171,8 @@ live_file read_live_file(const std::string &path) {
                  : errno == EINVAL ? "is no regular file"
                                    : std::string("cannot be read: ") + std::strerror(errno);
     live.text.clear();
+    if (lstat(path.c_str(), &status) == 0)
+      live.changed = status.st_ctim;
   }
   return live;
 }

@@ -4,8 +4,8 @@
 
 Works in copies of the repository under build/mutants. A change that does not compile is none; one that makes a test hang is
 noticed. What was found out about a change is kept for its seed, so that a run that was interrupted goes on; --again tries
-those once more that nobody noticed. Survivors that are listed in equivalent.txt, with a reason, change nothing that could
-be seen, and do not count.
+those once more that nobody noticed. Those that are listed in equivalent.txt, with a reason, change nothing that could be
+seen; they are not tried, and do not count.
 """
 
 import argparse
@@ -256,15 +256,11 @@ def describe(mutant):
     return " @ ".join(key_of(mutant))
 
 
-def is_equivalent(mutant, known):
-    return key_of(mutant) in known
-
-
 class Run:
     """Judges mutants in their order until enough of them have compiled."""
 
-    def __init__(self, options, mutants, results):
-        self.options, self.mutants, self.results = options, iter(mutants), results
+    def __init__(self, options, mutants, results, known):
+        self.options, self.mutants, self.results, self.known = options, iter(mutants), results, known
         self.chosen = []
         self.lock = threading.Lock()
         self.under_way = 0
@@ -280,7 +276,9 @@ class Run:
                     return None
                 self.chosen.append(mutant)
                 verdict = self.results.verdicts.get(key_of(mutant))
-                if verdict is None or (self.options.again and verdict == SURVIVED):
+                if verdict is None and key_of(mutant) in self.known:
+                    self.results.verdicts[key_of(mutant)] = SURVIVED
+                elif verdict is None or (self.options.again and verdict == SURVIVED and key_of(mutant) not in self.known):
                     self.under_way += 1
                     return mutant
 
@@ -297,12 +295,12 @@ class Run:
                 print(f"{counted}: {verdict} ({seconds:.0f} s): {mutant.file}:{mutant.line} @ {describe(mutant)}", flush=True)
 
 
-def summary(run, known):
+def summary(run):
     """Prints the survivors and the score; returns whether that is enough."""
     verdicts = {mutant: run.results.verdicts.get(key_of(mutant)) for mutant in run.chosen}
     noticed = sum(verdict is not None and verdict.startswith(NOTICED) for verdict in verdicts.values())
     survivors = sorted(mutant for mutant, verdict in verdicts.items() if verdict == SURVIVED)
-    equivalent = [mutant for mutant in survivors if is_equivalent(mutant, known)]
+    equivalent = [mutant for mutant in survivors if key_of(mutant) in run.known]
     print(f"\n{noticed + len(survivors)} changes in {len({mutant.file for mutant in verdicts})} files, {noticed} noticed, "
           f"{len(survivors)} not, of which {len(equivalent)} change nothing that could be seen")
     for mutant in survivors:
@@ -328,7 +326,7 @@ def main():
     results = Results(options.seed)
     mutants = in_order({file: mutants for file, mutants in reached.items() if mutants}, options.seed)
     mutants.sort(key=lambda mutant: key_of(mutant) not in results.verdicts)
-    run = Run(options, mutants, results)
+    run = Run(options, mutants, results, known_equivalents())
     killers = collections.Counter()
     judges = []
     for number in range(options.workers):
@@ -337,7 +335,7 @@ def main():
     with concurrent.futures.ThreadPoolExecutor(options.workers) as pool:
         for future in [pool.submit(run.work, judge) for judge in judges]:
             future.result()
-    sys.exit(0 if summary(run, known_equivalents()) else 1)
+    sys.exit(0 if summary(run) else 1)
 
 
 main()
