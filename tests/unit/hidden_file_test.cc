@@ -77,6 +77,17 @@ TEST_P(file, that_appeared_meanwhile_is_left_alone) {
   EXPECT_EQ(entries(directory.path), std::vector<std::string>{"port"});
 }
 
+TEST_P(file, gets_its_name_without_the_capability_for_the_direct_way) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    hidden_file made = open_hidden_file(path.c_str());
+    std::fputs("9008\n", made.out.get());
+    close_hidden_file(made);
+    drop_capability(CAP_DAC_READ_SEARCH);
+    return reveal_hidden_file(std::move(made));
+  })));
+  EXPECT_EQ(read_file(path), "9008\n");
+}
+
 TEST_P(file, what_a_dead_run_left_is_no_obstacle) {
   ASSERT_EQ(symlink("elsewhere", (path + ".new").c_str()), 0);
   EXPECT_EQ(make().out, "errno 0");

@@ -351,6 +351,13 @@ TEST(allocation, enlarged_block_keeps_its_content) {
   std::free(block);
 }
 
+TEST(allocation, block_of_no_size_is_given_up) {
+  EXPECT_TRUE(quiet(run_in_child([] {
+    void *block = xrealloc(nullptr, 8);
+    return xrealloc(block, 0) == nullptr ? 0 : 2;
+  })));
+}
+
 TEST(allocation, block_that_cannot_be_had_ends_the_run_naming_the_size) {
   EXPECT_TRUE(reported(run_in_child([] {
                          fail_allocations_of(123457);
