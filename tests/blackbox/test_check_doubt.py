@@ -12,23 +12,17 @@ def put_a_link(path):
     path.symlink_to("elsewhere")
 
 
-def put_a_directory(path):
-    path.unlink()
-    path.mkdir()
-
-
 def connections(panel):
     return int(panel.sql("SHOW GLOBAL STATUS LIKE 'Connections'")[0][1])
 
 
 def connections_of_a_check(panel):
     before = connections(panel)
-    check.only_finding(panel)
+    assert check.only_finding(panel).kind == "stale"
     return connections(panel) - before
 
 
-@pytest.mark.parametrize("spoil", [put_a_link, put_a_directory, lambda path: os.truncate(path, 1 << 40)],
-                         ids=["link", "directory", "huge"])
+@pytest.mark.parametrize("spoil", [put_a_link, lambda path: os.truncate(path, 1 << 40)], ids=["link", "huge"])
 def test_file_that_cannot_be_read_is_looked_at_no_oftener_than_one_that_differs(panel, spoil):
     shop, _ = check.clean(panel)
     path = shop.directory / "conf/httpd.include"

@@ -109,12 +109,19 @@ def all_mutants():
     return {name: mutants_of(name) for name in names}
 
 
+@functools.cache
+def stripped_lines(name):
+    return [" ".join(line.split()) for line in source(name).split("\n")]
+
+
 def key_of(mutant):
     """What names a mutant as long as its line stays the same, wherever that is: file, line, column, old, new."""
     text = source(mutant.file)
     begin = text.rfind("\n", 0, mutant.position) + 1
-    column = mutant.position - begin - len(re.match(r"[ \t]*", text[begin:]).group())
-    return mutant.file, mutant.code, str(column), " ".join(mutant.old.split()), " ".join(mutant.new.split())
+    column = str(mutant.position - begin - len(re.match(r"[ \t]*", text[begin:]).group()))
+    number = stripped_lines(mutant.file)[:mutant.line].count(mutant.code)
+    place = column if number == 1 else f"{column}/{number}"
+    return mutant.file, mutant.code, place, " ".join(mutant.old.split()), " ".join(mutant.new.split())
 
 
 def mutated(mutant):
