@@ -1,4 +1,4 @@
-"""halyard-check: sites at places with odd names."""
+"""halyard-check: places with odd names, and places that belong to nobody."""
 
 import subprocess
 
@@ -20,3 +20,18 @@ def test_site_behind_a_link_to_a_file_system_below_a_name_that_is_escaped_in_lis
         assert check.findings(panel) == []
     finally:
         subprocess.run(["umount", "--lazy", elsewhere / "conf"], check=True)
+
+
+def test_subdomain_without_a_row_is_an_orphan_also_where_its_domain_has_no_file_yet(panel):
+    shop, _ = check.clean(panel)
+    left = shop.directory / "subdomains/old/conf"
+    left.mkdir(parents=True)
+    (shop.directory / "conf/httpd.include").unlink()
+    found = [row[:3] for row in check.findings(panel)]
+    assert ("orphan", "shop.test", str(left)) in found
+
+
+def test_directory_of_no_domain_may_hold_what_looks_like_a_subdomain(panel):
+    check.clean(panel)
+    (HTTPD_VHOSTS_D / "nobody.test/subdomains/old/conf").mkdir(parents=True)
+    assert check.findings(panel) == []
