@@ -35,3 +35,10 @@ def test_directory_of_no_domain_may_hold_what_looks_like_a_subdomain(panel):
     check.clean(panel)
     (HTTPD_VHOSTS_D / "nobody.test/subdomains/old/conf").mkdir(parents=True)
     assert check.findings(panel) == []
+
+
+def test_domain_whose_name_is_no_part_of_a_path_is_passed_by(panel):
+    check.clean(panel)
+    panel.domain("a/b.test", directories=False)
+    assert [row.message for row in check.findings(panel) if row.kind == "skipped"] == [
+        "a name that cannot be a part of a path is passed by"]

@@ -40,6 +40,8 @@ TABLE = [
 MISC = [
     ("FullHostName", [("a b", "a blank where the line has no quotes"), ("a\nb", QUOTED[1][1])]),
     ("admin_email", [("a b@c", "a blank where the line has no quotes"), ("a\nb", QUOTED[1][1])]),
+    *((param, [("a b", "a blank where the line has no quotes")])
+      for param in ("warp_connector_port", "cf_instance_path", "cf_instance_port")),
     ("apache_allowoverride_default", [
         ("Everything", "a word that AllowOverride does not know"),
         ("All Nothing", "a word that AllowOverride does not know"), ("All\nInclude /tmp/x", f"{QUOTED[1][1]}, a word that AllowOverride does not know")]),

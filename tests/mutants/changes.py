@@ -14,7 +14,7 @@ NOT_CODE = re.compile(r'(?P<raw>R"\(.*?\)")|(?P<text>"(?:\\.|[^"\\\n])*")|(?P<le
                       r'|(?P<comment>//[^\n]*|/\*.*?\*/)', re.DOTALL)
 # Nothing that runs: what is said to the compiler only.
 # Nor sizes of arrays, numbers that stand for names, and a parameter that has no effect.
-DECLARATION = re.compile(r"^[ \t]*#[^\n]*|std::array<[^<>]*>|\w\[\d+\](?=[ ;])|^[ \t]*[A-Z_0-9]+ = \d+,|(?<=\breport_failure\(\d, )\d|\[\[.*?\]\]|__attribute__\(\(.*?\)\)|\bstatic_assert\(.*?\);|\balignas\([^)]*\)|"
+DECLARATION = re.compile(r"^[ \t]*#[^\n]*|std::array<[^<>]*>|\w\[\d+\](?=[ ;])|^[ \t]*[A-Z_0-9]+ = \d+,|(?<=\breport_failure\(\d, )\d|\bva_end\(\w+\);|\[\[.*?\]\]|__attribute__\(\(.*?\)\)|\bstatic_assert\(.*?\);|\balignas\([^)]*\)|"
                          r"^(?:using|namespace|extern|template)\b[^\n]*|\boperator(?:==|<=>)|= (?:default|delete);",
                          re.DOTALL | re.MULTILINE)
 SWAPS = [
