@@ -42,3 +42,13 @@ def test_domain_whose_name_is_no_part_of_a_path_is_passed_by(panel):
     panel.domain("a/b.test", directories=False)
     assert [row.message for row in check.findings(panel) if row.kind == "skipped"] == [
         "a name that cannot be a part of a path is passed by"]
+
+
+def test_subdomains_are_asked_for_once_however_many_directories_there_are(panel):
+    shop, _ = check.clean(panel)
+    for label in ("old", "older", "oldest"):
+        (shop.directory / f"subdomains/{label}/conf").mkdir(parents=True)
+    with panel.statements() as sent:
+        assert check.kinds(panel) == {"orphan": 3}
+    asked = [statement for statement in sent if "left join subdomains" in statement and "'shop.test'" in statement]
+    assert len(asked) == 2  # the second time in case the rows are new
