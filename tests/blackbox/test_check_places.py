@@ -52,3 +52,11 @@ def test_subdomains_are_asked_for_once_however_many_directories_there_are(panel)
         assert check.kinds(panel) == {"orphan": 3}
     asked = [statement for statement in sent if "left join subdomains" in statement and "'shop.test'" in statement]
     assert len(asked) == 2  # the second time in case the rows are new
+
+
+def test_differences_of_a_domain_that_is_skipped_are_none(panel):
+    shop, _ = check.clean(panel)
+    panel.sql("UPDATE sys_users SET login = 'departed' WHERE id = %s", shop.user_id)
+    result = check.run(panel, "--diff", "shop.test")
+    assert (result.status, result.out) == (1, ""), result
+    assert "User departed does not exist" in result.err

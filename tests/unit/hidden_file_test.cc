@@ -77,6 +77,19 @@ TEST_P(file, that_appeared_meanwhile_is_left_alone) {
   EXPECT_EQ(entries(directory.path), std::vector<std::string>{"port"});
 }
 
+TEST_P(file, may_be_named_relative_to_the_working_directory) {
+  EXPECT_TRUE(quiet(run_in_child([this] {
+    if (chdir(directory.path.c_str()) != 0)
+      return 2;
+    hidden_file made = open_hidden_file("port");
+    if (!made.out)
+      return 3;
+    std::fputs("9008\n", made.out.get());
+    return close_hidden_file(made) == 0 ? reveal_hidden_file(std::move(made)) : 4;
+  })));
+  EXPECT_EQ(read_file(path), "9008\n");
+}
+
 TEST_P(file, gets_its_name_without_the_capability_for_the_direct_way) {
   EXPECT_TRUE(quiet(run_in_child([this] {
     hidden_file made = open_hidden_file(path.c_str());
