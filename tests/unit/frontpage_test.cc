@@ -5,6 +5,7 @@
 #include "fs/lock.h"
 #include "support_database.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
@@ -21,6 +22,7 @@ bool system_fails = false; // with EAGAIN, as when there are too many processes
 std::string
     swapped_directory; // becomes a link to swapped_target when anything is renamed, and "<name>.aside" itself
 std::string swapped_target;
+int openat2_error = 0; // of each call, unless it is 0
 
 const std::string FRONTPAGE_D = "/usr/local/frontpage";
 const std::string CONF_D = FRONTPAGE_D + "/conf";
@@ -151,6 +153,24 @@ TEST_F(frontpage, sub_web_that_becomes_a_link_before_its_list_is_put_aside_leads
   EXPECT_EQ(run.out, "result 0\n");
   EXPECT_EQ(entries(directory / "outside/_vti_pvt"), std::vector<std::string>{"services.cnf"});
   EXPECT_EQ(entries(docs + "/sub.aside/_vti_pvt"), std::vector<std::string>{"services.org"});
+}
+
+TEST_F(frontpage, sub_web_is_found_where_the_kernel_cannot_or_may_not_say_whether_a_link_leads_there) {
+  const std::string docs = directory / "example.test/httpdocs";
+  for (const std::string &path : {docs + "/_vti_pvt", docs + "/sub/_vti_pvt"})
+    make_directories(path);
+  administration_program("exit 0\n");
+  for (const int error : {ENOSYS, EPERM}) {
+    SCOPED_TRACE(error);
+    write_file(docs + "/_vti_pvt/services.cnf", "/sub\n");
+    write_file(docs + "/sub/_vti_pvt/services.cnf", "mine");
+    const outcome run = run_in_child([&] {
+      openat2_error = error;
+      manage(FP_INSTALL);
+    });
+    EXPECT_EQ(run.out, "result 0\n");
+    EXPECT_EQ(entries(docs + "/sub/_vti_pvt"), std::vector<std::string>{"services.org"});
+  }
 }
 
 TEST_F(frontpage, server_type_of_an_installation_follows_the_generation_of_apache) {
@@ -303,4 +323,20 @@ extern "C" int renameat(int from, const char *old_name, int to, const char *new_
     std::abort();
   swapped_directory.clear();
   return static_cast<int>(syscall(SYS_renameat2, from, old_name, to, new_name, 0));
+}
+
+extern "C" long syscall(long number, ...) noexcept {
+  static const auto real_syscall = reinterpret_cast<long (*)(long, ...)>(dlsym(RTLD_NEXT, "syscall"));
+  if (number == SYS_openat2 && openat2_error != 0) {
+    errno = openat2_error;
+    return -1;
+  }
+  va_list list;
+  va_start(list, number);
+  long arguments[6];
+  for (long &argument : arguments)
+    argument = va_arg(list, long);
+  va_end(list);
+  return real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4],
+                      arguments[5]);
 }
