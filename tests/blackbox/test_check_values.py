@@ -44,7 +44,8 @@ MISC = [
       for param in ("warp_connector_port", "cf_instance_path", "cf_instance_port")),
     ("apache_allowoverride_default", [
         ("Everything", "a word that AllowOverride does not know"),
-        ("All Nothing", "a word that AllowOverride does not know"), ("All\nInclude /tmp/x", f"{QUOTED[1][1]}, a word that AllowOverride does not know")]),
+        ("All Nothing", "a word that AllowOverride does not know"),
+        ("All~None", "a word that AllowOverride does not know"), ("All\nInclude /tmp/x", f"{QUOTED[1][1]}, a word that AllowOverride does not know")]),
 ]
 
 

@@ -1,20 +1,22 @@
 #include "check/child.h"
+#include "check/diff.h"
 
 #include "support.h"
 
 #include <csignal>
+#include <cstdio>
 #include <ctime>
 #include <sys/time.h>
 
 namespace {
 
-// From here on a signal interrupts whatever waits, every few milliseconds.
-void interrupt_calls() {
+// From here on a signal interrupts whatever waits, every so many microseconds; 0 ends it. Children are left alone.
+void interrupt_calls_every(suseconds_t microseconds) {
   struct sigaction action = {};
   action.sa_handler = [](int) {};
   sigaction(SIGALRM, &action, nullptr);
-  const itimerval often = {.it_interval = {.tv_sec = 0, .tv_usec = 5000},
-                           .it_value = {.tv_sec = 0, .tv_usec = 5000}};
+  const timeval interval = {.tv_sec = 0, .tv_usec = microseconds};
+  const itimerval often = {.it_interval = interval, .it_value = interval};
   setitimer(ITIMER_REAL, &often, nullptr);
 }
 
@@ -31,13 +33,25 @@ TEST(child, answer_and_end_are_waited_for_through_signals) {
       rest();
       _exit(4);
     });
-    interrupt_calls(); // of this process only: a timer has no effect on children
+    interrupt_calls_every(5000);
     child_answer answer;
     if (!receive_answer(child, answer) || answer.code != 3 || answer.text != "text")
       return 2;
     std::string messages;
     return WEXITSTATUS(reap_child(child, messages)) == 4 ? 0 : 5;
   })));
+}
+
+TEST(diff, is_waited_for_through_signals) {
+  const outcome run = run_in_child([] {
+    interrupt_calls_every(100);
+    const bool printed = print_diff("/file", false, "one\n", "two\n");
+    interrupt_calls_every(0);
+    std::puts("end");
+    return printed ? 0 : 2;
+  });
+  EXPECT_EQ(run.out, "--- a/file\n+++ b/file\n@@ -1 +1 @@\n-one\n+two\nend\n");
+  EXPECT_EQ(run.status, 0);
 }
 
 } // namespace
