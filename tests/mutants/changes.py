@@ -12,11 +12,12 @@ Mutant = collections.namedtuple("Mutant", "file line position old new code")
 
 NOT_CODE = re.compile(r'(?P<raw>R"\(.*?\)")|(?P<text>"(?:\\.|[^"\\\n])*")|(?P<letter>\'(?:\\.|[^\'\\\n])+\')'
                       r'|(?P<comment>//[^\n]*|/\*.*?\*/)', re.DOTALL)
-# Nothing that runs: what is said to the compiler only.
-# Nor sizes of arrays, numbers that stand for names, and a parameter that has no effect.
-DECLARATION = re.compile(r"^[ \t]*#[^\n]*|std::array<[^<>]*>|\w\[\d+\](?=[ ;])|^[ \t]*[A-Z_0-9]+ = \d+,|(?<=\breport_failure\(\d, )\d|\bva_end\(\w+\);|\[\[.*?\]\]|__attribute__\(\(.*?\)\)|\bstatic_assert\(.*?\);|\balignas\([^)]*\)|"
-                         r"^(?:using|namespace|extern|template)\b[^\n]*|\boperator(?:==|<=>)|= (?:default|delete);",
-                         re.DOTALL | re.MULTILINE)
+# What is said to the compiler only, sizes of arrays, numbers that stand for names, and a parameter that has no effect.
+DECLARATION = re.compile(
+    r"^[ \t]*#[^\n]*|^(?:using|namespace|extern|template)\b[^\n]*|\[\[.*?\]\]|__attribute__\(\(.*?\)\)|"
+    r"\bstatic_assert\(.*?\);|\balignas\([^)]*\)|\boperator(?:==|<=>)|= (?:default|delete);|\bva_end\(\w+\);|"
+    r"std::array<[^<>]*>|\w\[\d+\](?=[ ;])|^[ \t]*[A-Z_0-9]+ = \d+,|(?<=\breport_failure\(\d, )\d",
+    re.DOTALL | re.MULTILINE)
 SWAPS = [
     (r" == ", " != "), (r" != ", " == "), (r" <= ", " < "), (r" >= ", " > "), (r" < ", " <= "), (r" > ", " >= "),
     (r" && ", " || "), (r" \|\| ", " && "), (r" \+ ", " - "), (r" - ", " + "), (r" \* ", " / "), (r" / ", " * "),
