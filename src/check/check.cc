@@ -51,6 +51,7 @@ void prepare_in_child(child_line &line) {
 
 // Returns false with the words of what failed.
 bool prepare(std::string &failure) {
+  static_cast<void>(conf_lookup("PRODUCT_ROOT_D")); // reads the file, for the child, too
   child_process child = start_child(prepare_in_child);
   if (child.pid < 0) {
     failure = std::strerror(errno);
@@ -63,6 +64,10 @@ bool prepare(std::string &failure) {
     return false;
   static apache_facts facts; // for the life of the process, as the generators want it
   std::memcpy(&facts, answer.text.data(), std::min(sizeof facts, answer.text.size()));
+  if (conf_lookup("PRODUCT_ROOT_D") == nullptr) {
+    failure = std::string(CONFIG_FILE) + " cannot be read: " + std::strerror(errno);
+    return false;
+  }
   load_product_config();
   apache_magic = facts.magic;
   apache_version = facts.version;

@@ -1,11 +1,13 @@
 // Linked into programs with coverage counters: has them written by children that end by _exit, abort, a failed assertion
-// or becoming another program, and where the program itself could write nothing: in a read-only view, as another user, at its limits.
+// or becoming another program, and where the program itself could write nothing: in a read-only view, as another user,
+// at its limits, while calls fail.
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -19,8 +21,10 @@ void __gcov_reset();
 [[noreturn]] void __wrap__exit(int status);
 [[noreturn]] void __real_abort();
 [[noreturn]] void __wrap_abort();
-[[noreturn]] void __real___assert_fail(const char *text, const char *file, unsigned line, const char *function);
-[[noreturn]] void __wrap___assert_fail(const char *text, const char *file, unsigned line, const char *function);
+[[noreturn]] void __real___assert_fail(const char *text, const char *file, unsigned line,
+                                       const char *function);
+[[noreturn]] void __wrap___assert_fail(const char *text, const char *file, unsigned line,
+                                       const char *function);
 int __real_close_range(unsigned first, unsigned last, int flags);
 int __wrap_close_range(unsigned first, unsigned last, int flags);
 int __wrap___gcov_execv(const char *path, char *const *arguments);
@@ -69,6 +73,8 @@ void write_counters() {
   if (written)
     return;
   written = true;
+  if (void *const end_faults = dlsym(RTLD_DEFAULT, "sweep_functions_end"))
+    reinterpret_cast<void (*)()>(end_faults)();
   if (fail_allocations_of != nullptr) {
     fail_allocations_of(0);
     fail_allocation(0);
@@ -121,7 +127,7 @@ int __wrap___gcov_execv(const char *path, char *const *arguments) {
   const int error = errno;
   write_counters();
   errno = error;
-  execve(path, arguments, environ);
+  execv(path, arguments);
   __gcov_reset();
   written = false;
   return -1;

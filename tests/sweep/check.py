@@ -30,7 +30,7 @@ class Oracle:
     def _found(self, text):
         """What a check has found, a set of texts."""
         if self.operation == "check-metrics":
-            return {json.dumps(row) for row in json.loads(text)["findings"]} if text else set()
+            return {json.dumps(row) for row in json.loads(text)["findings"]}
         if self.operation == "check-diff":
             return set(re.split(r"^(?=diff )", text, flags=re.MULTILINE)) - {""}
         return set(text.splitlines()[:-1])  # the last line is that of the totals
@@ -48,11 +48,15 @@ class Oracle:
     def _found_what_there_is(self, outcome):
         if outcome.status not in (0, 1):
             return
-        found = self._found(outcome.out)
+        try:
+            found = self._found(outcome.out)
+        except ValueError:
+            yield f"status {outcome.status}, and no document"
+            return
         lost = self.found - found
         if lost and found <= self.found and not outcome.err:
             yield f"lost in silence: {sorted(lost)}"
-        if outcome.status != (1 if found else 0):
+        if outcome.status != (1 if found or self.operation == "check-diff" and outcome.err else 0):
             yield f"status {outcome.status}, but {len(found)} findings"
         if self.operation == "check-metrics" and not METRICS.exists() and not outcome.err:
             yield "no metrics, and not a word about it"

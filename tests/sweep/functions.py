@@ -60,10 +60,14 @@ class Functions:
         return [(place, name.rstrip(b"\0").decode(), calls)
                 for place, (name, calls) in enumerate(struct.iter_unpack(ROW, rows)) if calls]
 
-    def cases(self):
-        """Every fault that may come about in a run like the last."""
+    def cases(self, most=None):
+        """Every fault that may come about in a run like the last; for each function with more calls than `most`, those
+        of its first and last ones only."""
         for place, name, calls in self.calls():
-            for number in range(1, calls + 1):
+            numbers = range(1, calls + 1)
+            if most is not None and calls > most:
+                numbers = [*numbers[:most // 2], *numbers[-most // 2:]]
+            for number in numbers:
                 for error in ERRORS.get(name, ["EIO"]):
                     yield FunctionFault(place, name, number, error)
 
@@ -77,9 +81,9 @@ class Sweep:
     def __init__(self, scene, library):
         self.scene, self.functions = scene, Functions(library)
 
-    def cases(self, operation):
+    def cases(self, operation, most=None):
         self._run(operation)
-        return list(self.functions.cases())
+        return list(self.functions.cases(most))
 
     def play(self, operation, fault):
         outcome = self._run(operation, fault)
