@@ -52,27 +52,32 @@ std::vector<std::string> arguments_of(const std::string &pid) {
   return arguments;
 }
 
-std::string base_name(const std::string &path) {
-  return path.substr(path.rfind('/') + 1);
+// A server may run from another file than the one that is asked: a wrapper, a link.
+bool has_server_name(const std::string &path) {
+  constexpr const char *NAMES[] = {"httpd2-prefork", "httpd2", "httpd", "apache2", "apache"};
+  const std::string name = path.substr(path.rfind('/') + 1);
+  return std::any_of(std::begin(NAMES), std::end(NAMES), [&](const char *known) { return name == known; });
 }
 
-// A server may run from another file than the one that is asked: a wrapper, a link.
-bool has_server_name(const std::string &name) {
-  constexpr const char *NAMES[] = {"httpd2-prefork", "httpd2", "httpd", "apache2", "apache"};
-  return std::any_of(std::begin(NAMES), std::end(NAMES), [&](const char *known) { return name == known; });
+// Whether the process is none of a container.
+bool is_of_this_machine(const std::string &pid) {
+  return is_same_file(bounded_text("/proc/%s/ns/pid", pid.c_str()), "/proc/self/ns/pid");
+}
+
+bool runs_program(const std::string &pid, const char *path) {
+  return is_same_file(bounded_text("/proc/%s/exe", pid.c_str()), path);
 }
 
 // Whether the process is a web server of this machine, run by root, and no mere question to one.
 bool is_server(const std::string &pid, const char *path) {
   if (file_of_process(pid, "status").find("\nUid:\t0\t0\t0\t0\n") == std::string::npos ||
-      !is_same_file(bounded_text("/proc/%s/ns/pid", pid.c_str()), "/proc/self/ns/pid"))
+      !is_of_this_machine(pid))
     return false;
   const std::vector<std::string> arguments = arguments_of(pid);
   if (arguments.empty() || std::any_of(arguments.begin(), arguments.end(),
                                        [](const std::string &word) { return word == "-V" || word == "-t"; }))
     return false;
-  return is_same_file(bounded_text("/proc/%s/exe", pid.c_str()), path) ||
-         has_server_name(base_name(arguments[0]));
+  return runs_program(pid, path) || has_server_name(arguments[0]);
 }
 
 std::string parent_of(const std::string &pid) {
@@ -108,8 +113,10 @@ std::size_t own_limit() {
 std::string program_of(const std::string &pid) {
   char path[TEXT_SIZE];
   const ssize_t length = readlink(bounded_text("/proc/%s/exe", pid.c_str()).c_str(), path, sizeof path);
-  const std::string program(path, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-  return has_server_name(base_name(program)) && access(program.c_str(), X_OK) == 0 ? program : "";
+  std::string program(path, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+  if (!has_server_name(program) || access(program.c_str(), X_OK) != 0)
+    program.clear();
+  return program;
 }
 
 // -t with what the running server was told to define, as sections of the configuration depend on it. Its

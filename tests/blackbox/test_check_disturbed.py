@@ -7,6 +7,8 @@ import os
 import pathlib
 import re
 import shutil
+import signal
+import subprocess
 import sys
 
 import pytest
@@ -69,6 +71,33 @@ def test_what_is_over_while_runs_go_on_is_no_finding(panel):
             (cafe.directory / "statistics/logs").mkdir()
         assert json.loads(running.result().out)["findings"] == []
     assert check.kinds(panel) == {"leftover": 2}
+
+
+@contextlib.contextmanager
+def starting(directory):
+    """Runs start all the time, and none has come to its lock."""
+    program = directory / "halyard"
+    shutil.copy("/usr/bin/sleep", program)
+    script = f"(while :; do {program} 4; done) & sleep 2; while :; do {program} 4; done"
+    runs = subprocess.Popen(["bash", "-c", script], start_new_session=True)
+    try:
+        wait_until(lambda: b"halyard\n" in [comm.read_bytes() for comm in pathlib.Path("/proc").glob("[0-9]*/comm")])
+        yield
+    finally:
+        os.killpg(runs.pid, signal.SIGKILL)
+        runs.wait()
+
+
+def test_change_whose_run_has_just_started_is_no_finding(panel, tmp_path):
+    shop, _ = check.clean(panel)
+    text = (shop.directory / INCLUDE).read_bytes()
+    (shop.directory / INCLUDE).write_bytes(text + b"# by hand\n")
+    with panel.statements():
+        with starting(tmp_path):
+            running = panel.start("--json", program=check.PROGRAM)
+            wait_until(lambda: connections(panel) > FIRST_ROUND or not running.is_running())
+            (shop.directory / INCLUDE).write_bytes(text)
+        assert json.loads(running.result().out)["findings"] == []
 
 
 def test_many_differences_are_looked_at_twice_and_not_for_as_long_as_runs_go_on(panel):

@@ -258,6 +258,7 @@ std::string head_of(const std::string &path) {
 
 TEST(Diff, NamesThatWouldBreakTheirLineAreQuotedAsGitQuotesThem) {
   EXPECT_EQ(head_of("/a\tb\x7f/c"), "--- /dev/null\n+++ \"b/a\\011b\\177/c\"\n");
+  EXPECT_EQ(head_of("/a\x7f"), "--- /dev/null\n+++ \"b/a\\177\"\n");
   EXPECT_EQ(head_of("/a\"b"), "--- /dev/null\n+++ \"b/a\\\"b\"\n");
   EXPECT_EQ(head_of("/a\\b"), "--- /dev/null\n+++ \"b/a\\\\b\"\n");
   EXPECT_EQ(head_of("/a b"), "--- /dev/null\n+++ b/a b\t\n");

@@ -2,6 +2,7 @@
 #include "check/panel.h"
 #include "check/server.h"
 #include "env/config.h"
+#include "env/webserver.h"
 #include "service/sem.h"
 #include "support.h"
 #include "support_service.h"
@@ -243,6 +244,17 @@ TEST(Descriptors, AreCountedAgainstTheLimitOfARunningServer) {
             "the configuration opens 7 log files, and the server may open 30 files in all (process " +
                 std::to_string(server.pid) + "): it would not start again");
   EXPECT_EQ(descriptors(6), "");
+}
+
+TEST(Descriptors, ProcessThatRunsTheInstalledProgramIsAServerByAnyName) {
+  load_product_config();
+  const kept_file installed(apache_executable());
+  ASSERT_EQ(unlink(installed.path.c_str()), 0);
+  write_file(installed.path, read_file("/bin/sleep"), 0755);
+  const shell server("echo $$; ulimit -n 30; exec -a my-server " + installed.path + " 600");
+  await_command(server.pid, "my-server");
+  EXPECT_NE(descriptors(500).find("may open 30 files in all (process " + std::to_string(server.pid) + ")"),
+            std::string::npos);
 }
 
 TEST(Descriptors, ProcessesThatAreNoServerOfThisMachineDoNotCount) {
