@@ -60,6 +60,8 @@ bool is_below(const unique_fd &directory, const unique_fd &top) {
   if (fstat(top.fd, &top_status) != 0 || fstat(directory.fd, &status) != 0)
     return false;
   unique_fd here(openat(directory.fd, ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (here.fd < 0)
+    return false;
   for (int level = 0; level < LEVELS; ++level) {
     unique_fd above(openat(here.fd, "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat above_status;

@@ -4,6 +4,7 @@
 #include "env/webserver.h"
 #include "fs/lock.h"
 #include "support_database.h"
+#include "support_faults.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -110,6 +111,25 @@ TEST_F(frontpage,
 TEST_F(frontpage, administration_program_that_is_killed_is_no_success) {
   administration_program("kill -KILL $$\n");
   EXPECT_NE(result_of(FP_ENABLE), "result 0\n");
+}
+
+TEST_F(frontpage, administration_program_that_is_killed_with_its_shell_gives_128_and_the_signal) {
+  administration_program("case $(cat /proc/$PPID/comm) in sh|dash|bash) kill -KILL $PPID;; esac\n"
+                         "kill -KILL $$\n");
+  EXPECT_EQ(result_of(FP_ENABLE), "result 137\n");
+}
+
+TEST_F(frontpage, alias_that_cannot_be_read_is_reported_as_one_that_cannot_be_deleted) {
+  administration_program("exit 0\n");
+  const std::string alias = FRONTPAGE_D + "/www.example.test:80.cnf";
+  ASSERT_EQ(symlink("example.test:80.cnf", alias.c_str()), 0);
+  const outcome run = run_in_child([] {
+    fail_call("readlink", 1, EIO);
+    manage(FP_REMOVE);
+  });
+  EXPECT_EQ(run.err, "Unable unlink " + alias + ": Input/output error\nSystem error 5: Input/output error\n");
+  EXPECT_EQ(run.out, run.err + "result 0\n");
+  EXPECT_TRUE(exists(alias));
 }
 
 TEST_F(frontpage, command_that_cannot_be_run_is_reported_without_the_password) {

@@ -188,6 +188,15 @@ TEST_F(another_ps, whose_numbers_are_too_large_for_a_process_is_reported_and_sig
   EXPECT_EQ(run.out, messages + "0");
 }
 
+TEST_F(another_ps, whose_numbers_stand_for_many_processes_is_reported_and_signals_nobody) {
+  const replaced_ps ps("printf 'PID COMMAND\\n0 %s\\n-1 %s\\n' " + std::string(PREY) + " " + PREY);
+  const outcome run = signalled("command", PREY, 0);
+  const std::string messages = "send_signal_field(): malformed ps output: 0 org.halyard.test.Prey\n"
+                               "send_signal_field(): malformed ps output: -1 org.halyard.test.Prey\n";
+  EXPECT_EQ(run.err, messages);
+  EXPECT_EQ(run.out, messages + "0");
+}
+
 TEST_F(another_ps, may_leave_the_last_line_without_newline) {
   idle_process prey("quarry");
   const replaced_ps ps("printf 'PID COMMAND\\n " + std::to_string(prey.pid) + "\\t%s' " + PREY);

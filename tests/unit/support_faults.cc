@@ -132,4 +132,12 @@ extern "C" {
   return answer<ssize_t>("read", -1, fd, buffer, size);
 }
 
+[[gnu::weak]] ssize_t readlink(const char *path, char *buffer, std::size_t size) noexcept {
+  return answer<ssize_t>("readlink", -1, path, buffer, size);
+}
+
+[[gnu::weak]] int unlink(const char *path) noexcept {
+  return answer("unlink", -1, path);
+}
+
 } // extern "C"

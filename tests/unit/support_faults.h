@@ -1,5 +1,5 @@
 // Calls of the C library that a test lets fail, or that something comes before: fchmod, fcntl, fdopen, fdopendir,
-// fork, fstat, ftruncate, ioctl, linkat, mkdir, open, openat, opendir and read. A test program that defines one of them
+// fork, fstat, ftruncate, ioctl, linkat, mkdir, open, openat, opendir, read, readlink and unlink. A test program that defines one of them
 // itself has its own.
 #pragma once
 
