@@ -64,14 +64,35 @@ TEST_F(site, protection_with_a_null_path_is_that_of_the_documents_or_of_the_prog
     EXPECT_NE(run.out.find(block), std::string::npos) << block << "in:\n" << run.out;
 }
 
-TEST_F(site, subdomain_whose_error_pages_nobody_can_look_for_is_not_written) {
+// A domain whose user is root.
+void add_domain() {
   sql("insert into clients (id) values (1);"
       "insert into sys_users (id, login) values (1, 'root');"
       "insert into certificates (id) values (1);"
       "insert into IP_Addresses (id, ip_address, ssl_certificate_id) values (1, '192.0.2.1', 1);"
       "insert into domains (id, name, cl_id, htype, status) values (1, 'example.test', 1, 'vrt_hst', '0');"
-      "insert into hosting (dom_id, sys_user_id, ip_address_id) values (1, 1, 1);"
-      "insert into subdomains (dom_id, name) values (1, 'blog');"
+      "insert into hosting (dom_id, sys_user_id, ip_address_id) values (1, 1, 1)");
+}
+
+TEST_F(site, subdomain_without_a_kind_of_user_is_run_by_the_domains) {
+  const missing_table subdomains("subdomains",
+                                 "dom_id INT, name TEXT, sys_user_type TEXT, sys_user_id INT, `ssl` TEXT, "
+                                 "same_ssl TEXT, ssi TEXT, php TEXT, cgi TEXT, perl TEXT, asp TEXT, "
+                                 "python TEXT, fastcgi TEXT, miva TEXT, coldfusion TEXT");
+  add_domain();
+  sql("insert into subdomains (dom_id, name, cgi) values (1, 'blog', 'true')");
+  const outcome run = run_in_child([] {
+    const admin_connection db;
+    return print_subdomains(stdout, "example.test", db);
+  });
+  EXPECT_EQ(run.status, 0);
+  for (const std::string part : {"blog.example.test:80\n", "\tSuexecUserGroup         root kivcln\n"})
+    EXPECT_NE(run.out.find(part), std::string::npos) << part << "in:\n" << run.out;
+}
+
+TEST_F(site, subdomain_whose_error_pages_nobody_can_look_for_is_not_written) {
+  add_domain();
+  sql("insert into subdomains (dom_id, name) values (1, 'blog');"
       "insert into dom_param (dom_id, param, val) values (1, 'apacheErrorDocs', 'true')");
   const std::string pages = sites / "example.test/error_docs";
   make_directories(pages);
