@@ -139,3 +139,10 @@ def test_findings_name_the_domain_they_are_asked_about(panel):
     panel.alias(other, "a b")
     assert [row for row in check.findings(panel, "shop.test") if row.kind == "suspicious"] == []
     assert [row.name for row in check.findings(panel, "other.test") if row.kind == "suspicious"] == ["other.test"]
+
+
+def test_values_that_cannot_be_read_end_the_check_with_the_servers_words(panel):
+    fill(panel)
+    panel.sql("ALTER TABLE protected_dirs DROP COLUMN id")
+    result = check.run(panel)
+    assert (result.status, result.out) == (2, "") and "halyard-check: Unknown column 'p.id'" in result.err, result

@@ -120,6 +120,15 @@ TEST_F(lock_file, is_opened_for_writing_only) {
   EXPECT_EQ(run.out, std::to_string(O_WRONLY));
 }
 
+TEST_F(lock_file, may_be_the_lowest_descriptor) {
+  EXPECT_TRUE(quiet(run_in_child([] {
+    close(STDIN_FILENO);
+    open_sem();
+    sem_lock(BYTE);
+    shutdown_sem();
+  })));
+}
+
 TEST_F(lock_file, that_exists_is_used_as_it_is) {
   make_directories(root / "var");
   write_file(root / "var/utilities.sem", "left here", 0640);
