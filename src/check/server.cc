@@ -59,6 +59,10 @@ bool has_server_name(const std::string &path) {
   return std::any_of(std::begin(NAMES), std::end(NAMES), [&](const char *known) { return name == known; });
 }
 
+bool is_of_root(const std::string &pid) {
+  return file_of_process(pid, "status").find("\nUid:\t0\t0\t0\t0\n") != std::string::npos;
+}
+
 // Whether the process is none of a container.
 bool is_of_this_machine(const std::string &pid) {
   return is_same_file(bounded_text("/proc/%s/ns/pid", pid.c_str()), "/proc/self/ns/pid");
@@ -70,8 +74,7 @@ bool runs_program(const std::string &pid, const char *path) {
 
 // Whether the process is a web server of this machine, run by root, and no mere question to one.
 bool is_server(const std::string &pid, const char *path) {
-  if (file_of_process(pid, "status").find("\nUid:\t0\t0\t0\t0\n") == std::string::npos ||
-      !is_of_this_machine(pid))
+  if (!is_of_root(pid) || !is_of_this_machine(pid))
     return false;
   const std::vector<std::string> arguments = arguments_of(pid);
   if (arguments.empty() || std::any_of(arguments.begin(), arguments.end(),

@@ -37,6 +37,22 @@ def test_directory_of_no_domain_may_hold_what_looks_like_a_subdomain(panel):
     assert check.findings(panel) == []
 
 
+def test_link_to_itself_and_file_in_the_place_of_a_directory_hold_nothing(panel):
+    check.clean(panel)
+    (HTTPD_VHOSTS_D / "loop.test").symlink_to("loop.test")
+    (HTTPD_VHOSTS_D / "nobody.test").mkdir()
+    (HTTPD_VHOSTS_D / "nobody.test/subdomains").symlink_to("subdomains")
+    (HTTPD_VHOSTS_D / "nobody.test/conf").touch()
+    assert check.findings(panel) == []
+
+
+def test_domain_with_a_name_too_long_for_a_directory_is_told_like_any_other(panel):
+    check.clean(panel)
+    name = "ü" * 200 + ".test"
+    panel.domain(name, directories=False)
+    assert {row.name for row in check.findings(panel, name)} >= {name}
+
+
 def test_domain_whose_name_is_no_part_of_a_path_is_passed_by(panel):
     check.clean(panel)
     panel.domain("a/b.test", directories=False)
