@@ -81,6 +81,16 @@ TEST(Child, AnswerThatIsCutShortIsNone) {
   }));
 }
 
+// Where the machine's own processes are in sight, they would count.
+struct alone_on_the_machine : testing::Test {
+  void SetUp() override {
+    if (in_place())
+      GTEST_SKIP();
+  }
+};
+struct Runs : alone_on_the_machine {};
+struct Descriptors : alone_on_the_machine {};
+
 // Runs of halyard
 
 // A process of this name that was started just now.
@@ -110,7 +120,7 @@ struct named_process {
   pid_t pid;
 };
 
-TEST(Runs, YoungProcessOfTheProgramsNameIsOneThatStarts) {
+TEST_F(Runs, YoungProcessOfTheProgramsNameIsOneThatStarts) {
   EXPECT_FALSE(is_halyard_starting());
   {
     const named_process run("halyard");
@@ -119,14 +129,14 @@ TEST(Runs, YoungProcessOfTheProgramsNameIsOneThatStarts) {
   EXPECT_FALSE(is_halyard_starting());
 }
 
-TEST(Runs, OtherNamesAreNone) {
+TEST_F(Runs, OtherNamesAreNone) {
   for (const char *name : {"halyard-check", "x halyard", "(halyard)", "a (halyard) b", "x (halyard)", "h"}) {
     const named_process other(name);
     EXPECT_FALSE(is_halyard_starting()) << name;
   }
 }
 
-TEST(Runs, ProcessesThatCannotBeListedAreNone) {
+TEST_F(Runs, ProcessesThatCannotBeListedAreNone) {
   const named_process run("halyard");
   EXPECT_EQ(run_in_child([] {
               set_limit(RLIMIT_NOFILE, 0);
@@ -135,7 +145,7 @@ TEST(Runs, ProcessesThatCannotBeListedAreNone) {
             0);
 }
 
-TEST(Runs, LockOfGenerationIsSeenAndOnlyThat) {
+TEST_F(Runs, LockOfGenerationIsSeenAndOnlyThat) {
   load_product_config();
   const std::string path = std::string(PRODUCT_ROOT_D) + "/var/utilities.sem";
   unlink(path.c_str());
@@ -177,13 +187,13 @@ constexpr char OWN_LIMIT_IS_LOW[] =
     "the configuration opens 500 log files, and the server may open 400 files in all (it is not running; a "
     "start from here would get this limit): it would not start again";
 
-TEST(Descriptors, AreCountedAgainstOnesOwnLimitWithoutAServer) {
+TEST_F(Descriptors, AreCountedAgainstOnesOwnLimitWithoutAServer) {
   EXPECT_EQ(with_own_limit(400, 500), OWN_LIMIT_IS_LOW);
   EXPECT_EQ(with_own_limit(400, 376), "");
   EXPECT_NE(with_own_limit(400, 377), "");
 }
 
-TEST(Descriptors, LimitThatSaysNothingIsNoFinding) {
+TEST_F(Descriptors, LimitThatSaysNothingIsNoFinding) {
   EXPECT_EQ(with_own_limit(0, 500), "");
 }
 
@@ -237,7 +247,7 @@ pid_t first_child(pid_t pid) {
   return child;
 }
 
-TEST(Descriptors, AreCountedAgainstTheLimitOfARunningServer) {
+TEST_F(Descriptors, AreCountedAgainstTheLimitOfARunningServer) {
   const shell server("echo $$; ulimit -n 30; exec -a httpd2 sleep 600");
   await_command(server.pid, "httpd2");
   EXPECT_EQ(descriptors(7),
@@ -246,7 +256,7 @@ TEST(Descriptors, AreCountedAgainstTheLimitOfARunningServer) {
   EXPECT_EQ(descriptors(6), "");
 }
 
-TEST(Descriptors, ProcessThatRunsTheInstalledProgramIsAServerByAnyName) {
+TEST_F(Descriptors, ProcessThatRunsTheInstalledProgramIsAServerByAnyName) {
   load_product_config();
   const kept_file installed(apache_executable());
   ASSERT_EQ(unlink(installed.path.c_str()), 0);
@@ -257,7 +267,7 @@ TEST(Descriptors, ProcessThatRunsTheInstalledProgramIsAServerByAnyName) {
             std::string::npos);
 }
 
-TEST(Descriptors, ProcessesThatAreNoServerOfThisMachineDoNotCount) {
+TEST_F(Descriptors, ProcessesThatAreNoServerOfThisMachineDoNotCount) {
   for (const char *command :
        {"echo $$; ulimit -n 30; exec -a httpd2 bash -c 'sleep 600; :' httpd2 -t",
         "echo $$; ulimit -n 30; exec -a httpd2 bash -c 'sleep 600; :' httpd2 -V",
@@ -269,9 +279,7 @@ TEST(Descriptors, ProcessesThatAreNoServerOfThisMachineDoNotCount) {
   }
 }
 
-TEST(Descriptors, ServerInAContainerDoesNotCount) {
-  if (in_place())
-    GTEST_SKIP();
+TEST_F(Descriptors, ServerInAContainerDoesNotCount) {
   const shell container(
       "echo $$; exec unshare --pid --fork --kill-child bash -c 'ulimit -n 30; exec -a httpd2 sleep 600'");
   await_command(first_child(container.pid), "httpd2");
@@ -279,13 +287,13 @@ TEST(Descriptors, ServerInAContainerDoesNotCount) {
 }
 
 // Process ids begin anew when they have come to their end, and a worker may have a lower one than its parent.
-TEST(Descriptors, LimitIsThatOfTheServersFirstProcess) {
+TEST_F(Descriptors, LimitIsThatOfTheServersFirstProcess) {
   const auto next_pid_is_behind = [](const char *pid) {
     std::ofstream last("/proc/sys/kernel/ns_last_pid");
     last << pid << std::flush;
     return last.good();
   };
-  if (in_place() || !next_pid_is_behind("30000"))
+  if (!next_pid_is_behind("30000"))
     GTEST_SKIP() << "process ids cannot be chosen here";
   const temporary_directory directory;
   const std::string go = directory / "go";

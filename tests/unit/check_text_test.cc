@@ -2,13 +2,11 @@
 #include "check/finding.h"
 #include "check/options.h"
 #include "check/output.h"
-#include "check/progress.h"
 #include "support.h"
 
 #include <cstdio>
 #include <getopt.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 namespace {
 
@@ -214,17 +212,6 @@ TEST(Metrics, FileThatCannotBeReplacedStaysAndNothingElse) {
   EXPECT_FALSE(write_metrics(directory / "metrics", one_finding("a.test")));
   EXPECT_EQ(errno, EISDIR);
   EXPECT_EQ(entries(directory.path), std::vector<std::string>{"metrics"});
-}
-
-TEST(Progress, IsNotShownWhereNobodyLooks) {
-  testing::internal::CaptureStderr();
-  begin_progress(2);
-  const double begin = monotonic_seconds();
-  while (monotonic_seconds() < begin + 1.1) // longer than its patience
-    usleep(50000);
-  show_progress(1);
-  end_progress();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 } // namespace
