@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -57,15 +56,13 @@ bool is_in_overlay(const char *path) {
 // Paths in mountinfo have blanks, line ends and backslashes as \040 and the like.
 std::string unescape_mount_point(const std::string &field) {
   std::string path;
-  for (const char *c = field.c_str(); *c != '\0'; ++c) {
-    unsigned code;
-    int length = 0;
-    if (std::sscanf(c, "\\%3o%n", &code, &length) == 1) {
-      path += static_cast<char>(code);
-      c += length - 1;
-    } else {
-      path += *c;
+  for (std::size_t at = 0; at < field.size(); ++at) {
+    if (field[at] != '\\') {
+      path += field[at];
+      continue;
     }
+    path += static_cast<char>(std::strtoul(field.substr(at + 1, 3).c_str(), nullptr, 8));
+    at += 3;
   }
   return path;
 }
