@@ -125,15 +125,18 @@ def main():
     arguments.add_argument("--only", default="", help="only files whose name contains this")
     arguments.add_argument("--again", action="store_true", help="try those again that nobody has noticed")
     options = arguments.parse_args()
+    mutants = all_mutants()
+    known = known_equivalents()
+    for key in known.keys() - {key_of(mutant) for file in mutants.values() for mutant in file}:
+        print(f"equivalent.txt names what is not there: {' @ '.join(key)}")
     tests, functions = reach(options.workers, HOME / "tree0")
     reach_of = Reach(tests, functions)
-    reached = {file: [mutant for mutant in mutants if reach_of.of(mutant)]
-               for file, mutants in all_mutants().items() if options.only in file}
+    reached = {file: [mutant for mutant in mutants[file] if reach_of.of(mutant)] for file in mutants if options.only in file}
     print(f"seed {options.seed}: {options.count} of {sum(map(len, reached.values()))} changes", flush=True)
     results = Results(options.seed)
-    mutants = in_order({file: mutants for file, mutants in reached.items() if mutants}, options.seed)
-    mutants.sort(key=lambda mutant: key_of(mutant) not in results.verdicts)
-    run = Run(options, mutants, results, known_equivalents())
+    ordered = in_order({file: mutants for file, mutants in reached.items() if mutants}, options.seed)
+    ordered.sort(key=lambda mutant: key_of(mutant) not in results.verdicts)
+    run = Run(options, ordered, results, known)
     killers = collections.Counter()
     judges = []
     for number in range(options.workers):
