@@ -127,7 +127,8 @@ int __wrap___gcov_execv(const char *path, char *const *arguments) {
   const int error = errno;
   write_counters();
   errno = error;
-  execv(path, arguments);
+  // By its name, or the compiler would lead the call back here.
+  reinterpret_cast<int (*)(const char *, char *const *)>(dlsym(RTLD_DEFAULT, "execv"))(path, arguments);
   __gcov_reset();
   written = false;
   return -1;
