@@ -15,8 +15,10 @@
 #include <unistd.h>
 
 extern "C" {
-void __gcov_dump();
-void __gcov_reset();
+void __real___gcov_dump();
+void __wrap___gcov_dump();
+void __real___gcov_reset();
+void __wrap___gcov_reset();
 [[noreturn]] void __real__exit(int status);
 [[noreturn]] void __wrap__exit(int status);
 [[noreturn]] void __real_abort();
@@ -87,7 +89,7 @@ void write_counters() {
   std::snprintf(prefix, sizeof prefix, "/proc/self/fd/%u/%s", root, given_prefix);
   if (fcntl(static_cast<int>(root), F_GETFD) >= 0)
     setenv("GCOV_PREFIX", prefix, 1);
-  __gcov_dump();
+  __real___gcov_dump();
   if (given_prefix[0] == '\0')
     unsetenv("GCOV_PREFIX");
   else
@@ -100,6 +102,16 @@ void write_counters() {
 }
 
 } // namespace
+
+// Those of the library itself, before it becomes another program and when it could not.
+void __wrap___gcov_dump() {
+  write_counters();
+}
+
+void __wrap___gcov_reset() {
+  __real___gcov_reset();
+  written = false;
+}
 
 void __wrap__exit(int status) {
   write_counters();
@@ -129,7 +141,6 @@ int __wrap___gcov_execv(const char *path, char *const *arguments) {
   errno = error;
   // By its name, or the compiler would lead the call back here.
   reinterpret_cast<int (*)(const char *, char *const *)>(dlsym(RTLD_DEFAULT, "execv"))(path, arguments);
-  __gcov_reset();
-  written = false;
+  __wrap___gcov_reset();
   return -1;
 }

@@ -360,6 +360,14 @@ TEST_F(lock_failure, of_a_negative_number_ends_the_run) {
                        "sem_unlock() failed for semnum -2147483649: semnum must not be negative\n"));
 }
 
+TEST_F(utilities_lock, is_asked_for_again_after_an_interruption) {
+  EXPECT_TRUE(quiet(run_in_child([] {
+    open_sem();
+    fail_call("fcntl", 1, EINTR);
+    return sem_trylock(BYTE) == 0 && errno == 0 ? 0 : 1;
+  })));
+}
+
 TEST_F(lock_failure, is_told_from_a_byte_that_is_held) {
   for (const int error : {EACCES, EAGAIN}) // systems differ
     EXPECT_TRUE(quiet(run_in_child([error] {
