@@ -137,4 +137,12 @@ TEST(Suspect, IsUnchangedAsLongAsItIsTheVerySameFile) {
   EXPECT_FALSE(is_unchanged(suspect));
 }
 
+TEST(Suspect, ThatCannotBeLookedAtIsNotTakenForChanged) {
+  const temporary_directory directory;
+  ASSERT_EQ(symlink("loop", (directory / "loop").c_str()), 0);
+  const tree_suspect suspect{
+      .what = kind::leftover, .name = "a.test", .path = directory / "loop/a", .message = "", .status = {}};
+  EXPECT_TRUE(is_unchanged(suspect));
+}
+
 } // namespace

@@ -43,14 +43,20 @@ TEST(child, answer_and_end_are_waited_for_through_signals) {
 }
 
 TEST(diff, is_waited_for_through_signals) {
-  const outcome run = run_in_child([] {
+  constexpr int LINES = 200000; // which take a while to read
+  const std::string line(63, 'x');
+  std::string text;
+  for (int i = 0; i < LINES; ++i)
+    text += line + "\n";
+  const outcome run = run_in_child([&] {
     interrupt_calls_every(100);
-    const bool printed = print_diff("/file", false, "one\n", "two\n");
+    const bool printed = print_diff("/file", false, text + "one\n", text + "two\n");
     interrupt_calls_every(0);
     std::puts("end");
     return printed ? 0 : 2;
   });
-  EXPECT_EQ(run.out, "--- a/file\n+++ b/file\n@@ -1 +1 @@\n-one\n+two\nend\n");
+  EXPECT_EQ(run.out, "--- a/file\n+++ b/file\n@@ -199998,4 +199998,4 @@\n " + line + "\n " + line + "\n " +
+                         line + "\n-one\n+two\nend\n");
   EXPECT_EQ(run.status, 0);
 }
 
