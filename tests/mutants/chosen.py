@@ -18,39 +18,41 @@ PROGRAMS = ("halyard", "halyard-check")
 MAP_SIZE = 8 << 20
 MORE_SECONDS = 15  # for what cleans up behind a test that has hung
 
+chosen_file = os.environ.get("MUTATE_TESTS")
+report_file = os.environ["MUTATE_REPORT"]
+maps = os.environ.get("MUTATE_REACH")
 limits = {}
 failed = set()
 
 
 @pytest.hookimpl(trylast=True)
 def pytest_collection_modifyitems(config, items):
-    if "MUTATE_TESTS" not in os.environ:
+    if chosen_file is None:
         return
-    limits.update(json.loads(pathlib.Path(os.environ["MUTATE_TESTS"]).read_text()))
+    limits.update(json.loads(pathlib.Path(chosen_file).read_text()))
     found = {item.nodeid: item for item in items}
     config.hook.pytest_deselected(items=[item for item in items if item.nodeid not in limits])
     items[:] = [found[name] for name in limits if name in found]
 
 
 def say(**what):
-    with open(os.environ["MUTATE_REPORT"], "a", encoding="utf-8") as report:
-        report.write(json.dumps(what) + "\n")
+    with open(report_file, "a", encoding="utf-8") as file:
+        file.write(json.dumps(what) + "\n")
 
 
 def make_maps():
-    prefix = os.environ["MUTATE_REACH"]
     for program in PROGRAMS:
-        with open(f"{prefix}.{program}", "wb") as file:
+        with open(f"{maps}.{program}", "wb") as file:
             file.truncate(MAP_SIZE)
-        os.chmod(f"{prefix}.{program}", 0o666)
-    os.environ["HALYARD_REACH"] = prefix
+        os.chmod(f"{maps}.{program}", 0o666)
+    os.environ["HALYARD_REACH"] = maps
 
 
 def take_maps():
-    prefix = os.environ.pop("HALYARD_REACH")
+    os.environ.pop("HALYARD_REACH", None)
     reached = {}
     for program in PROGRAMS:
-        path = pathlib.Path(f"{prefix}.{program}")
+        path = pathlib.Path(f"{maps}.{program}")
         reached[program] = [found.start() for found in re.finditer(b"\1", path.read_bytes())]
         path.unlink()
     return reached
@@ -63,8 +65,7 @@ def hangs(_signal, _frame):
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_protocol(item):
     say(begins=item.nodeid)
-    measures = "MUTATE_REACH" in os.environ
-    if measures:
+    if maps is not None:
         make_maps()
     if item.nodeid in limits:
         signal.signal(signal.SIGALRM, hangs)
@@ -73,7 +74,7 @@ def pytest_runtest_protocol(item):
     yield
     signal.setitimer(signal.ITIMER_REAL, 0)
     say(test=item.nodeid, passed=item.nodeid not in failed, seconds=time.monotonic() - begin,
-        reached=take_maps() if measures else None)
+        reached=take_maps() if maps is not None else None)
 
 
 def pytest_runtest_logreport(report):

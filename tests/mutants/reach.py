@@ -17,7 +17,7 @@ import time
 
 from trees import HOME, TOP, Build, bring_up_to_date, must, read_report, tracked_files
 
-KEPT = HOME / "reach.json"
+KEPT = HOME / "reach"
 MAP_SIZE = 8 << 20
 TRACE = "__sanitizer_cov_trace_pc>"
 
@@ -121,7 +121,7 @@ def measure_unit_test(build, worker, name, program_of):
 
 
 def measure_file(build, worker, name, program_of):
-    report = HOME / f"report{worker}"
+    report = HOME / f"reach-report{worker}"
     report.unlink(missing_ok=True)
     settings = {"PYTHONPATH": str(build.tree / "tests/mutants"), "MUTATE_REPORT": str(report),
                 "MUTATE_REACH": str(HOME / f"map{worker}")}
@@ -135,37 +135,59 @@ def measure_file(build, worker, name, program_of):
     return tests
 
 
-def measure(build, workers, wanted):
-    """Results of these unit tests and files of blackbox tests."""
-    names = {name for name in tracked_files() if re.match(r"src/.*\.(cc|h)$", name)}
-    programs = {}
+class Kept:
+    """What is known of a unit test or file of tests: {test: passed, seconds, lines}, for one state of all that it needs."""
 
-    def program_of(name):
-        if name not in programs:
-            place = build.place if name.startswith("halyard") else build.place / "tests"
-            programs[name] = Program(place / name, names)
-        return programs[name]
+    def __init__(self, name, mark):
+        self.path = KEPT / f"{name.replace('/', '-')}.json"
+        self.mark = mark
 
-    program_of("halyard"), program_of("halyard-check")
-    free = queue.Queue()
-    for worker in range(workers):
-        free.put(worker)
-    results = {}
+    def tests(self):
+        """None where it is not known."""
+        if not self.path.exists():
+            return None
+        known = json.loads(self.path.read_text())
+        return known["tests"] if known["mark"] == self.mark else None
 
-    def one(name):
-        worker = free.get()
+    def keep(self, tests):
+        KEPT.mkdir(exist_ok=True)
+        self.path.write_text(json.dumps({"mark": self.mark, "tests": tests}))
+
+
+class Measurement:
+    """Runs unit tests and files of tests, several at a time."""
+
+    def __init__(self, build, workers):
+        self.build, self.workers = build, workers
+        self.names = {name for name in tracked_files() if re.match(r"src/.*\.(cc|h)$", name)}
+        self.programs = {}
+        self.free = queue.Queue()
+        for worker in range(workers):
+            self.free.put(worker)
+
+    def program(self, name):
+        if name not in self.programs:
+            place = self.build.place if name.startswith("halyard") else self.build.place / "tests"
+            self.programs[name] = Program(place / name, self.names)
+        return self.programs[name]
+
+    def run(self, wanted):
+        """`wanted`: name to Kept."""
+        # Long ones first, so that nobody waits for one of them at the end.
+        names = sorted(wanted, key=lambda name: not re.search("sweep|check|restart|random", name))
+        with concurrent.futures.ThreadPoolExecutor(self.workers) as pool:
+            for future in [pool.submit(self._one, name, wanted[name]) for name in names]:
+                future.result()
+
+    def _one(self, name, kept):
+        worker = self.free.get()
         try:
             how = measure_unit_test if name.startswith("unit/") else measure_file
-            results[name] = how(build, worker, name, program_of)
-            wrong = [test for test, result in results[name].items() if not result["passed"]]
-            print(f"{len(results)}/{len(wanted)} {name}" + "".join(f"\nfails: {test}" for test in wrong), flush=True)
+            tests = how(self.build, worker, name, self.program)
+            kept.keep(tests)
+            print(name + "".join(f"\nfails: {test}" for test in tests if not tests[test]["passed"]), flush=True)
         finally:
-            free.put(worker)
-
-    with concurrent.futures.ThreadPoolExecutor(workers) as pool:
-        list(pool.map(one, wanted))
-    functions = set(programs["halyard"].functions | programs["halyard-check"].functions)
-    return results, sorted(functions)
+            self.free.put(worker)
 
 
 def reach(workers, tree):
@@ -174,25 +196,19 @@ def reach(workers, tree):
     HOME.mkdir(parents=True, exist_ok=True)
     must(["g++", "-O1", "-c", TOP / "tests/mutants/reach.cc", "-o", HOME / "reach.o"])
     build = Build(tree, "reach", "-O0 -g -fsanitize-coverage=trace-pc", str(HOME / "reach.o"))
-    marks = fingerprints(build)
-    kept = json.loads(KEPT.read_text()) if KEPT.exists() else {"marks": {}, "results": {}, "functions": []}
-    wanted = [name for name, mark in marks.items() if kept["marks"].get(name) != mark]
-    # Long ones first, so that nobody waits for one of them at the end.
-    wanted.sort(key=lambda name: not re.search("sweep|check|restart|random", name))
+    build.make_all(workers)
+    measurement = Measurement(build, workers)
+    functions = measurement.program("halyard").functions | measurement.program("halyard-check").functions
+    kept = {name: Kept(name, mark) for name, mark in fingerprints(build).items()}
+    wanted = {name: place for name, place in kept.items() if place.tests() is None}
     if wanted:
-        print(f"finding out what {len(wanted)} of {len(marks)} tests reach", flush=True)
-        build.make_all(workers)
-        results, functions = measure(build, workers, wanted)
-        kept["functions"] = functions
-        kept["results"].update(results)
-        for name in wanted:
-            kept["marks"][name] = marks[name]
-        KEPT.write_text(json.dumps(kept))
+        print(f"finding out what {len(wanted)} of {len(kept)} tests reach", flush=True)
+        measurement.run(wanted)
     tests = {}
-    for name in marks:
-        tests.update(kept["results"][name])
+    for place in kept.values():
+        tests.update(place.tests())
     failing = [name for name, test in tests.items() if not test["passed"]]
     for name in failing:
         print(f"left out, since it fails without a change: {name}")
         del tests[name]
-    return tests, [tuple(function) for function in kept["functions"]]
+    return tests, sorted(functions)

@@ -126,8 +126,9 @@ class Build:
                   lambda began: (report.stat().st_mtime if report.exists() else began) + 600)
 
     def _run(self, command, settings, end):
+        # Ends with this program, however that ends.
         process = subprocess.Popen(
-            command, cwd=self.place, env={**os.environ, **settings}, stdin=subprocess.DEVNULL,
+            ["setpriv", "--pdeathsig", "TERM", *command], cwd=self.place, env={**os.environ, **settings}, stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (ADDRESS_SPACE, ADDRESS_SPACE)))
         began = time.time()
