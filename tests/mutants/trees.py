@@ -64,14 +64,15 @@ def quick_tools():
 class Build:
     """A build of a tree without warnings: a mutant that makes one is a mutant all the same."""
 
-    def __init__(self, tree, name, flags="-O0", link_flags=""):
+    def __init__(self, tree, name, flags="-O0", link_flags="", module_flags=""):
         self.tree = tree
         self.place = tree / "build" / name
         self.environment = {**os.environ, "CCACHE_BASEDIR": str(tree), "CCACHE_NOHASHDIR": "1"}
         options, linker = quick_tools()
         must(["cmake", "-S", tree, "-B", self.place, *options, "-DHALYARD_TESTS=ON", "-DCMAKE_BUILD_TYPE=Debug",
               f"-DCMAKE_CXX_FLAGS=-w {flags}", "-DCMAKE_CXX_FLAGS_DEBUG=",
-              f"-DCMAKE_EXE_LINKER_FLAGS={linker} {link_flags}"], env=self.environment)
+              f"-DCMAKE_EXE_LINKER_FLAGS={linker} {link_flags}",
+              f"-DCMAKE_MODULE_LINKER_FLAGS={linker} {module_flags}"], env=self.environment)
         self._find_tests()
 
     def _find_tests(self):
@@ -97,7 +98,7 @@ class Build:
         targets = ["halyard", "halyard-check", *(name.removeprefix("unit/") for name in self.unit)]
         must(["cmake", "--build", self.place, "--parallel", str(jobs), "--target", *targets], env=self.environment)
         # Where there are tools of the sweeps.
-        self.make("sweep_inject", "sweep_memory", jobs=jobs)
+        self.make("sweep_inject", "sweep_memory", "sweep_functions", jobs=jobs)
 
     def run_unit_test(self, name, seconds, settings=None):
         """Whether it passes in that time."""
@@ -128,8 +129,8 @@ class Build:
     def _run(self, command, settings, end):
         # Ends with this program, however that ends.
         process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "TERM", *command], cwd=self.place, env={**os.environ, **settings}, stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
+            ["setpriv", "--pdeathsig", "TERM", *command], cwd=self.place, env={**os.environ, **settings},
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (ADDRESS_SPACE, ADDRESS_SPACE)))
         began = time.time()
         while True:
