@@ -1,7 +1,7 @@
 """Each call that halyard or halyard-check itself makes into the C library fails once.
 
-With coverage counters every one of them does, so that what is left over is what nothing reaches; else a few of each
-function, and script/sweep tries all.
+With coverage counters nearly every one of them does, so that what is left over is what nothing reaches; else a few under
+halyard-check, beside the sample of sweeps in test_sweep.py. script/sweep tries all.
 """
 
 import os
@@ -33,13 +33,14 @@ def scene():
     return scenes.Scene()
 
 
+@pytest.mark.skipif(not COUNTS, reason="test_sweep.py has a sample of them")
 @pytest.mark.parametrize("operation", scenes.OPERATIONS)
 def test_change_is_made_or_its_failure_is_heard_of(scene, operation):
     sweep = functions.Sweep(scene, LIBRARY)
     oracle = Oracle(scene)
     scenes.restore(scene.old[operation])
     wrong = {}
-    for fault in sweep.cases(operation, None if COUNTS else 2):
+    for fault in sweep.cases(operation, 40):
         wrong[str(fault)] = play(scene, oracle, sweep, operation, fault)
     assert {fault: what for fault, what in wrong.items() if what} == {}
     assert wrong
@@ -47,9 +48,9 @@ def test_change_is_made_or_its_failure_is_heard_of(scene, operation):
 
 # What has to be waited for takes most of the time: whether somebody is changing what differs.
 @pytest.mark.parametrize("operation, state, most", [
-    ("check", "reconfigure-all", 40 if COUNTS else 4),
-    ("check-metrics", "reconfigure-all", 8 if COUNTS else 2),
-    ("check-diff", "install-vhost", 6 if COUNTS else 2),
+    ("check", "reconfigure-all", 24 if COUNTS else 4),
+    ("check-metrics", "reconfigure-all", 4 if COUNTS else 2),
+    ("check-diff", "install-vhost", 4 if COUNTS else 2),
 ])
 def test_check_finds_what_there_is_or_names_what_it_cannot_look_at(scene, operation, state, most):
     sweep = functions.Sweep(scene, LIBRARY)
