@@ -19,19 +19,6 @@ struct answer_head {
   std::size_t messages_size;
 };
 
-bool write_fully(int fd, const char *data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = write(fd, data, size);
-    if (written < 0 && errno == EINTR)
-      continue;
-    if (written <= 0)
-      return false;
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
 bool read_fully(int fd, void *buffer, std::size_t size) {
   char *data = static_cast<char *>(buffer);
   while (size > 0) {
@@ -62,7 +49,7 @@ std::string messages_so_far(int fd) {
 std::string take_messages(int fd) {
   std::string text = messages_so_far(fd);
   if (!text.empty()) {
-    if (ftruncate(fd, 0) != 0 || lseek(fd, 0, SEEK_SET) != 0)
+    if (lseek(fd, 0, SEEK_SET) != 0 || ftruncate(fd, 0) != 0)
       _exit(1); // what was said once must not be said again
   }
   return text;
@@ -79,11 +66,26 @@ void settle_as_child(pid_t parent, const child_line &line) {
   PROGNAME = nullptr;
   const unique_fd nowhere(open("/dev/null", O_RDWR | O_CLOEXEC));
   if (nowhere.fd < 0 || dup2(nowhere.fd, STDIN_FILENO) < 0 || dup2(nowhere.fd, STDOUT_FILENO) < 0 ||
-      dup2(line.messages.fd, STDERR_FILENO) < 0)
+      dup2(line.messages.fd, STDERR_FILENO) < 0) {
+    dprintf(line.messages.fd, "no standard streams: %s\n", std::strerror(errno));
     _exit(1);
+  }
 }
 
 } // namespace
+
+bool write_fully(int fd, const char *data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written <= 0)
+      return false;
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
 
 child_process start_child(const std::function<void(child_line &)> &body) {
   child_process child;

@@ -26,6 +26,9 @@ struct child_process {
   child_line line; // the parent's ends
 };
 
+// Writes all of it, however little goes at once. Returns false with errno set when that fails.
+bool write_fully(int fd, const char *data, std::size_t size);
+
 // Starts a child that runs `body` and exits with 0 unless `body` ends it otherwise. Returns pid -1 with errno
 // set when there can be none.
 child_process start_child(const std::function<void(child_line &)> &body);

@@ -164,7 +164,7 @@ void place_file(const placed_file &file) {
   const bounded_text path = include_file_of(file.name);
   unlink(path.c_str());
   const unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (fd.fd < 0 || write(fd.fd, file.text.data(), file.text.size()) != static_cast<ssize_t>(file.text.size()))
+  if (fd.fd < 0 || !write_fully(fd.fd, file.text.data(), file.text.size()))
     end_run("%s: %s", path.c_str(), std::strerror(errno));
 }
 

@@ -3,8 +3,8 @@
 #include "check/files.h"
 #include "env/config.h"
 #include "fs/handles.h"
+#include "fs/presence.h"
 #include "fs/text.h"
-#include "fs/tree.h"
 
 #include <algorithm>
 #include <cctype>
@@ -105,7 +105,10 @@ bool scan_subdomains(tree_scan &scan, const std::string &name, bool has_file) {
     return false;
   for (const std::string &label : entries) {
     const std::string conf = subdomains + "/" + label + "/conf";
-    if (!is_directory(conf.c_str()))
+    const presence found = look_for_directory(conf.c_str());
+    if (found == presence::unknown)
+      return cannot_look(scan, conf);
+    if (found == presence::absent)
       continue;
     if (!asked && !read_subdomains(scan.db, name, labels, known, scan.failure))
       return false;

@@ -125,8 +125,10 @@ bool cover_mounts_below(int top, const std::string &directory) {
       continue;
     const unique_fd fd(openat(top, point.c_str() + directory.size() + 1, O_PATH | O_CLOEXEC));
     struct stat status;
-    if (fd.fd < 0 || fstat(fd.fd, &status) != 0)
+    if (fd.fd < 0 && (errno == ENOENT || errno == ENOTDIR))
       continue; // hidden by another mount
+    if (fd.fd < 0 || fstat(fd.fd, &status) != 0)
+      return false;
     if (!(S_ISDIR(status.st_mode) ? mount_overlay(fd.fd, point.c_str()) : bind_file(fd.fd, point.c_str())))
       return false;
   }

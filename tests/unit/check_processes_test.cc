@@ -5,6 +5,7 @@
 #include "env/webserver.h"
 #include "service/sem.h"
 #include "support.h"
+#include "support_faults.h"
 #include "support_service.h"
 
 #include <csignal>
@@ -145,6 +146,15 @@ TEST_F(Runs, ProcessesThatCannotBeListedAreNone) {
             0);
 }
 
+TEST_F(Runs, ProcessThatEndsBeforeItIsLookedAtIsNone) {
+  const named_process run("halyard");
+  EXPECT_EQ(run_in_child([&] {
+              fail_call_on("/proc/" + std::to_string(run.pid) + "/stat", "open", 1, ENOENT);
+              return is_halyard_starting() ? 1 : 0;
+            }).status,
+            0);
+}
+
 TEST_F(Runs, LockOfGenerationIsSeenAndOnlyThat) {
   load_product_config();
   const std::string path = std::string(PRODUCT_ROOT_D) + "/var/utilities.sem";
@@ -254,6 +264,43 @@ TEST_F(Descriptors, AreCountedAgainstTheLimitOfARunningServer) {
             "the configuration opens 7 log files, and the server may open 30 files in all (process " +
                 std::to_string(server.pid) + "): it would not start again");
   EXPECT_EQ(descriptors(6), "");
+}
+
+// What is found of descriptors while one file of a running server's process cannot be opened.
+std::string descriptors_without(const shell &server, const char *file, int number) {
+  return run_in_child([&] {
+           fail_call_on("/proc/" + std::to_string(server.pid) + "/" + file, "open", number, ENOENT);
+           std::fputs(descriptors(500).c_str(), stdout);
+         })
+      .out;
+}
+
+TEST_F(Descriptors, ServerThatEndsMeanwhileHasNoLimit) {
+  const shell server("echo $$; ulimit -n 30; exec -a httpd2 sleep 600");
+  await_command(server.pid, "httpd2");
+  EXPECT_EQ(descriptors_without(server, "limits", 1), "");
+}
+
+TEST_F(Descriptors, ServerWhoseParentCannotBeToldIsTheFirst) {
+  const shell server("echo $$; ulimit -n 30; exec -a httpd2 sleep 600");
+  await_command(server.pid, "httpd2");
+  // The first time it is asked who runs it.
+  EXPECT_NE(descriptors_without(server, "status", 2).find("process " + std::to_string(server.pid)),
+            std::string::npos);
+}
+
+// Whatever the interrupted call has not read comes with the next one.
+TEST_F(Descriptors, AnswerOfTheServerIsReadThroughSignals) {
+  load_product_config();
+  const kept_file installed(apache_executable());
+  write_file(installed.path, "#!/bin/sh\necho not a word of it\nexit 1\n", 0755);
+  const outcome run = run_in_child([] {
+    before_call("fork", 1, [] { fail_call("read", 1, EINTR); });
+    std::string words;
+    const verdict said = try_configuration(words);
+    std::printf("%d %s", said == verdict::refused, words.c_str());
+  });
+  EXPECT_EQ(run.out, "1 not a word of it\n");
 }
 
 TEST_F(Descriptors, ProcessThatRunsTheInstalledProgramIsAServerByAnyName) {
