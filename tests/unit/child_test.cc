@@ -4,7 +4,9 @@
 #include "support_faults.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -96,6 +98,27 @@ TEST(child, without_standard_streams_says_so_and_does_nothing) {
     });
     EXPECT_EQ(run.out, "1 no standard streams: Too many open files\n") << step.function << step.number;
   }
+}
+
+// As one that nothing would end any more.
+TEST(child, whose_parent_has_ended_before_it_could_ask_for_its_signal_does_nothing) {
+  int done[2];
+  ASSERT_EQ(pipe2(done, O_CLOEXEC), 0);
+  const outcome run = run_in_child([&] {
+    const pid_t parent = getpid();
+    before_call("prctl", 1, [=] {
+      kill(parent, SIGKILL);
+      while (getppid() == parent)
+        usleep(1000);
+    });
+    const child_process child = start_child([&](child_line &) { dprintf(done[1], "done"); });
+    pause();
+  });
+  EXPECT_EQ(run.signal, SIGKILL);
+  close(done[1]);
+  char text[4];
+  EXPECT_EQ(read(done[0], text, sizeof text), 0); // when the child has ended
+  close(done[0]);
 }
 
 } // namespace

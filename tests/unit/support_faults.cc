@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
@@ -180,6 +181,14 @@ extern "C" {
 
 [[gnu::weak]] DIR *opendir(const char *path) {
   return answer<DIR *>("opendir", nullptr, path);
+}
+
+[[gnu::weak]] int prctl(int option, ...) noexcept {
+  va_list list;
+  va_start(list, option);
+  const unsigned long argument = va_arg(list, unsigned long);
+  va_end(list);
+  return answer("prctl", -1, option, argument, 0UL, 0UL, 0UL);
 }
 
 [[gnu::weak]] ssize_t read(int fd, void *buffer, std::size_t size) {

@@ -1,6 +1,6 @@
 // Calls of the C library that a test lets fail, or that something comes before: chown, dup2, fchmod, fcntl, fdopen,
 // fdopendir, fork, fstat, ftruncate, ioctl, linkat, lseek, lstat, mkdir, mount, mount_setattr, move_mount, open, openat,
-// opendir, read, readlink, stat, symlink, unlink and write. A test program that defines one of them itself has its own.
+// opendir, prctl (of one argument), read, readlink, stat, symlink, unlink and write. A test program that defines one of them itself has its own.
 #pragma once
 
 #include <functional>

@@ -81,6 +81,18 @@ TEST_F(view_of_mounts, has_them_where_one_cannot_be_looked_at) {
   EXPECT_EQ(in_view([] { before_call("openat", 1, [] { fail_call("fstat", 1, EIO); }); }).out, "live\n");
 }
 
+// Both are covered by the file system above them, which has a file where one of them would be reached through.
+TEST_F(view_of_mounts, passes_by_those_that_another_one_hides) {
+  const std::string hidden = site + "/hidden";
+  for (const std::string place : {"/absent/disk", "/file/disk"}) {
+    make_directories(hidden + place);
+    ASSERT_EQ(mount("test", (hidden + place).c_str(), "tmpfs", 0, "size=64k"), 0);
+  }
+  const memory_file_system above(hidden, "size=64k");
+  write_file(hidden + "/file", "");
+  EXPECT_EQ(in_view([] {}).out, "live\n");
+}
+
 TEST_F(view_of_mounts, is_refused_where_nothing_can_be_mounted) {
   EXPECT_EQ(in_view([] { fail_calls_on(HTTPD_VHOSTS_D, "mount", EPERM); }).out,
             std::string("no private copy of ") + HTTPD_VHOSTS_D + ": Operation not permitted");
