@@ -35,7 +35,9 @@ bool cannot_look(tree_scan &scan, const std::string &path) {
 }
 
 bool list_or_fail(tree_scan &scan, const std::string &directory, std::vector<std::string> &names) {
-  return list_entries(directory, names) || cannot_look(scan, directory);
+  if (list_entries(directory, names))
+    return true;
+  return cannot_look(scan, directory);
 }
 
 bool suspect(tree_scan &scan, kind what, const std::string &name, const std::string &path,
@@ -67,10 +69,11 @@ bool scan_work_files(tree_scan &scan, const std::string &name, const std::string
   std::vector<std::string> entries;
   if (!list_or_fail(scan, directory, entries))
     return false;
-  return std::all_of(entries.begin(), entries.end(), [&](const std::string &entry) {
-    return !is_work_file(entry, file) ||
-           suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted");
-  });
+  for (const std::string &entry : entries)
+    if (is_work_file(entry, file) &&
+        !suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted"))
+      return false;
+  return true;
 }
 
 std::string site_directory(const std::string &name) {
@@ -122,7 +125,8 @@ bool scan_subdomains(tree_scan &scan, const std::string &name, bool has_file) {
 
 bool scan_site(tree_scan &scan, const std::string &name) {
   const std::string directory = site_directory(name);
-  const std::string file = directory + "/conf/" + DOMAIN_FILE;
+  const std::string conf = directory + "/conf";
+  const std::string file = conf + "/" + DOMAIN_FILE;
   const bool is_active = scan.sites.active.count(name) != 0;
   if (!is_active && is_directory_of_active_site(scan, directory))
     return true; // looked at under its own name
@@ -132,8 +136,7 @@ bool scan_site(tree_scan &scan, const std::string &name) {
     return cannot_look(scan, file);
   if (has_file && !is_active && !suspect(scan, kind::orphan, name, file, "no active domain in the database"))
     return false;
-  return scan_work_files(scan, name, directory + "/conf", DOMAIN_FILE) &&
-         scan_subdomains(scan, name, has_file);
+  return scan_work_files(scan, name, conf, DOMAIN_FILE) && scan_subdomains(scan, name, has_file);
 }
 
 } // namespace
