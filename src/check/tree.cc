@@ -69,10 +69,12 @@ bool scan_work_files(tree_scan &scan, const std::string &name, const std::string
   std::vector<std::string> entries;
   if (!list_or_fail(scan, directory, entries))
     return false;
-  for (const std::string &entry : entries)
-    if (is_work_file(entry, file) &&
-        !suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted"))
+  for (const std::string &entry : entries) {
+    if (!is_work_file(entry, file))
+      continue;
+    if (!suspect(scan, kind::leftover, name, directory + "/" + entry, "left by a run that was interrupted"))
       return false;
+  }
   return true;
 }
 

@@ -96,8 +96,9 @@ TEST_F(view_of_mounts, passes_by_those_that_another_one_hides) {
 }
 
 TEST_F(view_of_mounts, is_refused_where_nothing_can_be_mounted) {
-  EXPECT_EQ(in_view([] { fail_calls_on(HTTPD_VHOSTS_D, "mount", EPERM); }).out,
-            std::string("no private copy of ") + HTTPD_VHOSTS_D + ": Operation not permitted");
+  for (const char *directory : {HTTPD_CONF_D, HTTPD_VHOSTS_D})
+    EXPECT_EQ(in_view([=] { fail_calls_on(directory, "mount", EPERM); }).out,
+              std::string("no private copy of ") + directory + ": Operation not permitted");
 }
 
 } // namespace
