@@ -30,10 +30,9 @@ def scene():
 
 
 def chosen(sweep, operation, most):
-    if not COUNTS:
-        return sweep.cases(operation, most)
-    looking = [fault for fault in sweep.cases(operation) if fault.name in ("open", "stat") and fault.how == "EIO"]
-    return [*sweep.cases(operation, most), *looking]
+    looking = {"check": ("open", "stat"), "check-diff": ("open",)}.get(operation, ()) if COUNTS else ()
+    return [fault for fault in sweep.cases(operation)
+            if fault.is_one_of(most) or fault.name in looking and fault.how == "EIO"]
 
 
 # What has to be waited for takes most of the time: whether somebody is changing what differs.

@@ -29,12 +29,16 @@ ERRORS = {
 
 
 class FunctionFault(Fault):
-    def __init__(self, place, name, number, error):
+    def __init__(self, place, name, number, calls, error):
         super().__init__(number, error)
-        self.place, self.name = place, name
+        self.place, self.name, self.calls = place, name, calls
 
     def __repr__(self):
         return f"call {self.number} of {self.name} {self.how}"
+
+    def is_one_of(self, most):
+        """Whether the call is one of the first or last few of its function in a run."""
+        return self.number <= most // 2 or self.number > self.calls - most // 2
 
     def may_leave(self, paths):
         return self.name in ("unlink", "lstat")
@@ -60,16 +64,12 @@ class Functions:
         return [(place, name.rstrip(b"\0").decode(), calls)
                 for place, (name, calls) in enumerate(struct.iter_unpack(ROW, rows)) if calls]
 
-    def cases(self, most=None):
-        """Every fault that may come about in a run like the last; for each function with more calls than `most`, those
-        of its first and last ones only."""
+    def cases(self):
+        """Every fault that may come about in a run like the last."""
         for place, name, calls in self.calls():
-            numbers = range(1, calls + 1)
-            if most is not None and calls > most:
-                numbers = [*numbers[:most // 2], *numbers[-most // 2:]]
-            for number in numbers:
+            for number in range(1, calls + 1):
                 for error in ERRORS.get(name, ["EIO"]):
-                    yield FunctionFault(place, name, number, error)
+                    yield FunctionFault(place, name, number, calls, error)
 
     def came_about(self, fault):
         return any(place == fault.place and calls >= fault.number for place, _, calls in self.calls())
@@ -81,9 +81,9 @@ class Sweep:
     def __init__(self, scene, library):
         self.scene, self.functions = scene, Functions(library)
 
-    def cases(self, operation, most=None):
+    def cases(self, operation):
         self._run(operation)
-        return list(self.functions.cases(most))
+        return list(self.functions.cases())
 
     def play(self, operation, fault):
         outcome = self._run(operation, fault)
